@@ -1,0 +1,24 @@
+#pragma once
+// Everything QXCommon exports.
+
+#include "QXCommonAPI.h"
+
+#include "FunctionTrace.h"
+#include "Guid.h"
+#include "HResult.h"
+#include "OSVersionHelper.h"
+#include "QXCommonFunctions.h"
+#include "RegistryHelper.h"
+#include "WOW64FSRedirectEnabler.h"
+
+#include "FilePathPatternMatcher.h"
+#include "GlobWildcardString.h"
+#include "QXRegEx.h"
+#include "RegExHelpers.h"
+
+#include "CommandLineSplitter.h"
+#include "EnvironmentBlockEx.h"
+#include "EnvironmentEx.h"
+#include "ExpandArgs.h"
+#include "QXEnvironmentVars.h"
+#include "QXEnvironmentVars_ProcessEnv.h"

@@ -1,0 +1,129 @@
+#pragma once
+// qxinspect: a command-line front end to QXCommon for the people who write and
+// test rules. Each subcommand lives in its own Cmd*.cpp file and registers
+// itself with QXINSPECT_COMMAND; main.cpp handles the common options
+// (--json, --log, --help), dispatch and exit codes.
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace qxinspect
+{
+// Exit codes (documented in --help and README).
+constexpr int ExitOk = 0;      // done; for a yes/no question, the answer is yes
+constexpr int ExitNo = 1;      // done; the answer is no (no match, not an NT image, expression rejected)
+constexpr int ExitUsage = 2;   // bad command line
+constexpr int ExitFailed = 3;  // the library or the system could not answer (the error is printed)
+
+// A JSON value for --json output.
+class Json
+{
+public:
+    using Object = std::vector<std::pair<std::wstring, Json>>;
+    using Array = std::vector<Json>;
+
+    Json() : m_value(nullptr) {}
+    Json(std::nullptr_t) : m_value(nullptr) {}
+    Json(bool v) : m_value(v) {}
+    Json(int v) : m_value(static_cast<int64_t>(v)) {}
+    Json(long v) : m_value(static_cast<int64_t>(v)) {}
+    Json(long long v) : m_value(static_cast<int64_t>(v)) {}
+    Json(unsigned v) : m_value(static_cast<uint64_t>(v)) {}
+    Json(unsigned long v) : m_value(static_cast<uint64_t>(v)) {}
+    Json(unsigned long long v) : m_value(static_cast<uint64_t>(v)) {}
+    Json(double v) : m_value(v) {}
+    Json(const wchar_t* v) : m_value(std::wstring(v != nullptr ? v : L"")) {}
+    Json(std::wstring v) : m_value(std::move(v)) {}
+    Json(Array v) : m_value(std::move(v)) {}
+    Json(Object v) : m_value(std::move(v)) {}
+
+    static Json MakeObject() { return Json(Object{}); }
+    static Json MakeArray() { return Json(Array{}); }
+
+    // For objects: appends a member (keeps insertion order). Returns *this.
+    Json& Set(const std::wstring& key, Json value);
+    // For arrays: appends an element. Returns *this.
+    Json& Push(Json value);
+
+    std::wstring Serialize(int indent = 2) const;
+
+private:
+    void Write(std::wstring& out, int indent, int depth) const;
+    std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::wstring, Array, Object> m_value;
+};
+
+// What a command gets besides its arguments.
+struct Context
+{
+    bool json = false;
+    bool log = false;
+};
+
+// Standard output and standard error, as UTF-8.
+void Out(const std::wstring& text);
+void Err(const std::wstring& text);
+// Prints the JSON value (followed by a line feed) on standard output.
+void OutJson(const Json& value);
+// "qxinspect: <message>" on standard error; returns the exit code given.
+int Fail(int exitCode, const std::wstring& message);
+
+// Parses the arguments of one command: options that take a value
+// ("--pid 12", "--pid=12"), flags ("--regex") and positional arguments.
+// "--" ends the options.
+class ArgParser
+{
+public:
+    ArgParser(std::vector<std::wstring> valueOptions, std::vector<std::wstring> flagOptions);
+    // False (with the reason in error) on an unknown option or a missing value.
+    bool Parse(const std::vector<std::wstring>& args, std::wstring& error);
+
+    const std::vector<std::wstring>& Positional() const { return m_positional; }
+    bool Has(const std::wstring& name) const;
+    std::optional<std::wstring> Value(const std::wstring& name) const;
+
+private:
+    std::vector<std::wstring> m_valueOptions;
+    std::vector<std::wstring> m_flagOptions;
+    std::vector<std::wstring> m_positional;
+    std::map<std::wstring, std::wstring> m_values;
+    std::vector<std::wstring> m_flags;
+};
+
+// Parses a 32-bit number written in decimal or as 0x-hexadecimal. Negative
+// decimal numbers are accepted and stored as their two's complement.
+bool ParseNumber32(const std::wstring& text, uint32_t& value);
+
+// Text forms of common values.
+std::wstring Hex32(uint32_t value);   // "0x0000ABCD"
+std::wstring BoolText(bool value);    // "yes" / "no"
+
+// One subcommand.
+struct Command
+{
+    const wchar_t* name;
+    const wchar_t* synopsis;  // "exe PATH..." (shown in the command list)
+    const wchar_t* summary;   // one line
+    const wchar_t* help;      // the command's own --help text (options, output, exit codes)
+    int (*run)(Context& context, const std::vector<std::wstring>& args);
+};
+
+struct Registrar
+{
+    explicit Registrar(const Command& command);
+};
+
+const std::vector<Command>& Commands();
+} // namespace qxinspect
+
+#define QXINSPECT_CONCAT_(a, b) a##b
+#define QXINSPECT_CONCAT(a, b) QXINSPECT_CONCAT_(a, b)
+#define QXINSPECT_COMMAND(...)                                                                                     \
+    static ::qxinspect::Registrar QXINSPECT_CONCAT(qxinspectRegistrar_, __LINE__)(::qxinspect::Command{__VA_ARGS__})

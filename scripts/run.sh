@@ -1,0 +1,45 @@
+#!/bin/sh
+# One entry point for people and CI.
+#   scripts/run.sh demo [qxinspect arguments]   build, then run qxinspect under Wine
+#   scripts/run.sh test                         build, then run every test under Wine
+#   scripts/run.sh bench [qxbench arguments]    build, then run the benchmarks under Wine
+# The build tree is build/ (override with QX_BUILD_DIR).
+set -eu
+
+ROOT=$(cd "$(dirname "$0")/.." && pwd)
+BUILD=${QX_BUILD_DIR:-$ROOT/build}
+what=${1:-test}
+[ $# -gt 0 ] && shift
+
+"$ROOT/scripts/bootstrap.sh"
+
+cmake --preset default -S "$ROOT" -B "$BUILD" >/dev/null
+cmake --build "$BUILD" --parallel "$(nproc)"
+
+case "$what" in
+    demo)
+        if [ $# -eq 0 ]; then
+            set -- os
+        fi
+        "$BUILD/qx-wine" start
+        status=0
+        "$BUILD/qx-wine" run "$BUILD/bin/qxinspect.exe" "$@" || status=$?
+        "$BUILD/qx-wine" stop
+        exit $status
+        ;;
+    test)
+        cd "$BUILD"
+        exec ctest --output-on-failure --timeout 600
+        ;;
+    bench)
+        "$BUILD/qx-wine" start
+        status=0
+        "$BUILD/qx-wine" run "$BUILD/bin/qxbench.exe" "$@" || status=$?
+        "$BUILD/qx-wine" stop
+        exit $status
+        ;;
+    *)
+        echo "usage: scripts/run.sh demo|test|bench [arguments]" >&2
+        exit 2
+        ;;
+esac
