@@ -1,3 +1,54 @@
 #pragma once
+// Free functions of QXCommon.
 
 #include "QXCommonAPI.h"
+
+#include <atlbase.h>
+
+#include <string>
+
+namespace QXCommonFunctions
+{
+// ---- Results, registry and event log ---------------------------------------
+
+// The system's text for a Win32 error or HRESULT, line breaks ("\r\n") removed.
+// Empty for 0 and for codes without text.
+QXCOMMON_API std::wstring ErrorMessageFromCode(int code);
+
+// Reads a REG_SZ or REG_EXPAND_SZ value (not expanded) of an open key.
+// Returns 0, the registry error, or ERROR_INVALID_DATA (13) for another type
+// or data that is not an even number of bytes ending in NUL.
+QXCOMMON_API DWORD RegQueryStringValue(ATL::CRegKey& key, const wchar_t* valueName, std::wstring& value);
+
+// Writes one event under the source "Kestrova Runwarden": the text is
+// formatted printf-style (wide, "%ls" for wide strings) and cut to 255
+// characters. Returns 0 or the Win32 error.
+QXCOMMON_API DWORD LogEventDirect(DWORD eventId, WORD eventType, const wchar_t* format, ...);
+
+// ---- Operating system and WOW64 --------------------------------------------
+
+// The running Windows as one bit: 6.1 0x10 / 0x80 (workstation / server),
+// 6.2 0x20 / 0x40, 6.3 0x100 / 0x200, 10.0 0x400 / 0x800; 0 for others.
+QXCOMMON_API DWORD GetCurrentOS();
+// True on x64 and Itanium processors (not on ARM64).
+QXCOMMON_API bool Is64BitArchitecture();
+// True when the process is a 32-bit process on 64-bit Windows; false when it
+// is not or cannot be asked.
+QXCOMMON_API bool IsWow64(DWORD processId);
+// Forward to kernel32's functions of the same names (looked up at each call;
+// false where the system lacks them).
+QXCOMMON_API BOOLEAN QXWow64EnableWow64FsRedirection(BOOLEAN enable);
+QXCOMMON_API BOOL QXWow64DisableWow64FsRedirection(PVOID* oldValue);
+QXCOMMON_API BOOL QXWow64RevertWow64FsRedirection(PVOID oldValue);
+// True when the calling thread of a WOW64 process has redirection on.
+QXCOMMON_API bool IsWow64FSRedirectionEnabled();
+
+// ---- Executable-image check ------------------------------------------------
+
+// Reads the file's DOS and NT headers. Returns 0 when the check ran (isNTExe
+// then holds 1 or 0) or the Win32 error that stopped it.
+QXCOMMON_API DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe);
+// 1 when the file is an NT image, or exists, is not a folder and may not be
+// read by the caller; 0 otherwise.
+QXCOMMON_API int IsNTExeOrAccessRestricted(const std::wstring& path);
+} // namespace QXCommonFunctions

@@ -1,0 +1,167 @@
+// Free functions: is a file a Windows NT executable image.
+
+#include "QXCommon/QXCommonFunctions.h"
+
+#include "QXLog.h"
+
+#include <cstring>
+#include <memory>
+
+namespace QXCommonFunctions
+{
+namespace
+{
+// The DOS header, and where it keeps the offset of the NT headers (e_lfanew).
+constexpr DWORD DosHeaderSize = 64;
+constexpr DWORD NtHeadersOffsetAt = 60;
+// Signature, file header and 32-bit optional header. Used for 64-bit images
+// too: only the signature is tested.
+constexpr DWORD NtHeaders32Size = 0xF8;
+constexpr WORD DosSignature = 0x5A4D;  // "MZ"
+constexpr DWORD NtSignature = 0x00004550; // "PE\0\0"
+
+struct HeapDeleter
+{
+    void operator()(BYTE* p) const { ::HeapFree(::GetProcessHeap(), 0, p); }
+};
+} // namespace
+
+DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
+{
+    const char* const function = "QXCommonFunctions::TryCheckIsNTExe";
+    ATL::CHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file == INVALID_HANDLE_VALUE)
+    {
+        file.Detach(); // nothing to close
+        DWORD error = ::GetLastError();
+        QXLOG_ERROR(function, L"CreateFileW() error {}.\n", error);
+        return error;
+    }
+
+    ::SetLastError(ERROR_SUCCESS);
+    DWORD fileSize = ::GetFileSize(file, nullptr);
+    if (fileSize == INVALID_FILE_SIZE)
+    {
+        DWORD error = ::GetLastError();
+        if (error != ERROR_SUCCESS)
+        {
+            QXLOG_ERROR(function, L"GetFileSize() error {}.\n", error);
+            return error;
+        }
+    }
+
+    BYTE dosHeader[DosHeaderSize] = {};
+    DWORD bytesRead = 0;
+    if (!::ReadFile(file, dosHeader, DosHeaderSize, &bytesRead, nullptr))
+    {
+        DWORD error = ::GetLastError();
+        QXLOG_ERROR(function, L"ReadFile() error {}.\n", error);
+        return error;
+    }
+    if (bytesRead < DosHeaderSize)
+    {
+        QXLOG_ERROR(function, L"ReadFile() bytes read mismatch. dwBytesToRead {} dwBytesRead {}\n", DosHeaderSize,
+                    bytesRead);
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
+    WORD magic = 0;
+    std::memcpy(&magic, dosHeader, sizeof(magic));
+    if (magic != DosSignature)
+    {
+        QXLOG_INFO(function, L"No DOS header - assume a COM file\n");
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
+    DWORD ntOffset = 0;
+    std::memcpy(&ntOffset, dosHeader + NtHeadersOffsetAt, sizeof(ntOffset));
+    const DWORD needed = ntOffset + NtHeaders32Size; // 32-bit arithmetic: may wrap
+    if (fileSize < needed)
+    {
+        QXLOG_INFO(function, L"Short file so not NT EXE file\n");
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
+    std::unique_ptr<BYTE, HeapDeleter> buffer(
+        static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed != 0 ? needed : 1)));
+    if (!buffer)
+    {
+        QXLOG_ERROR(function, L"HeapAlloc() error {}.\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
+    bytesRead = 0;
+    if (!::ReadFile(file, buffer.get(), needed, &bytesRead, nullptr))
+    {
+        DWORD error = ::GetLastError();
+        QXLOG_ERROR(function, L"ReadFile() error {}.\n", error);
+        return error;
+    }
+    if (bytesRead < needed)
+    {
+        QXLOG_ERROR(function, L"ReadFile() bytes read mismatch. dwBytesToRead {} dwBytesRead {}\n", needed,
+                    bytesRead);
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
+    // When the offset wrapped the buffer ends before it: no signature to read.
+    DWORD signature = 0;
+    const bool inside = static_cast<unsigned long long>(ntOffset) + sizeof(signature) <= needed;
+    if (inside)
+        std::memcpy(&signature, buffer.get() + ntOffset, sizeof(signature));
+    if (inside && signature == NtSignature)
+    {
+        isNTExe = TRUE;
+    }
+    else
+    {
+        QXLOG_INFO(function, L"No NT header so not NT exe file\n");
+        isNTExe = FALSE;
+    }
+    return ERROR_SUCCESS;
+}
+
+int IsNTExeOrAccessRestricted(const std::wstring& path)
+{
+    const char* const function = "QXCommonFunctions::IsNTExeOrAccessRestricted";
+    BOOL isNTExe = FALSE;
+    DWORD error = TryCheckIsNTExe(path, isNTExe);
+    if (error == ERROR_SUCCESS)
+    {
+        QXLOG_INFO(function, L"Check OK. IsNTExe [{}].\n", isNTExe ? L"True" : L"False");
+        return isNTExe ? 1 : 0;
+    }
+
+    QXLOG_ERROR(function, L"Check Failed.\n");
+    if (error != ERROR_ACCESS_DENIED)
+    {
+        QXLOG_ERROR(function, L"Failed to check item [{}]. Error [{}].\n", path, error);
+        return 0;
+    }
+
+    DWORD attributes = ::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+    {
+        DWORD attributesError = ::GetLastError();
+        if (attributesError == error)
+        {
+            QXLOG_INFO(function, L"Access Denied to item [{}].\n", path);
+            return 1;
+        }
+        QXLOG_ERROR(function, L"Unable to check file attributes of [{}]. Error [{}].\n", path, attributesError);
+        return 0;
+    }
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+    {
+        QXLOG_INFO(function, L"Item is Directory [{}].\n", path);
+        return 0;
+    }
+    QXLOG_INFO(function, L"Access Denied to item [{}].\n", path);
+    return 1;
+}
+} // namespace QXCommonFunctions
