@@ -1,0 +1,140 @@
+#include "QXCommon/ExpandArgs.h"
+
+#include "QXLog.h"
+
+#include <shlwapi.h>
+
+#include <cwchar>
+#include <cwctype>
+
+namespace QXCommon
+{
+namespace
+{
+bool IsSeparator(wchar_t c)
+{
+    return c == L',' || std::iswspace(c);
+}
+
+// A quote closes a quoted argument only when a separator or the end follows.
+bool IsClosingQuote(const wchar_t* p)
+{
+    return p[0] == L'"' && (p[1] == L'\0' || IsSeparator(p[1]));
+}
+
+// Only bare file names with an extension are looked up on the search path.
+bool IsSearchCandidate(const wchar_t* arg, size_t length)
+{
+    return length > 0 && length < MAX_PATH && std::wcschr(arg, L'.') != nullptr && std::wcschr(arg, L'\\') == nullptr &&
+           std::wcschr(arg, L'/') == nullptr && std::wcschr(arg, L':') == nullptr;
+}
+
+bool NeedsQuotes(const std::wstring& arg)
+{
+    for (wchar_t c : arg)
+    {
+        if (IsSeparator(c))
+            return true;
+    }
+    return false;
+}
+} // namespace
+
+int CExpandArgs::ConvertArgsToFullPath(const wchar_t* args, std::wstring& result)
+{
+    constexpr const char* Function = "QXCommon::CExpandArgs::ConvertArgsToFullPath";
+    if (args == nullptr)
+    {
+        QXLOG_INFO(Function, L"Invalid Parameter no conversion possible\n");
+        return 0;
+    }
+    QXLOG_INFO(Function, L"Before Conversion [{}]\n", args);
+
+    // ExtractArguments writes into its buffer, so it works on a copy.
+    std::vector<wchar_t> buffer(args, args + std::wcslen(args) + 1);
+    std::vector<wchar_t*> arguments;
+    ExtractArguments(buffer.data(), arguments);
+
+    std::wstring converted;
+    ExpandArguments(converted, arguments);
+    result = std::move(converted);
+    QXLOG_INFO(Function, L"After Conversion [{}]\n", result);
+    return 1;
+}
+
+int CExpandArgs::ExtractArguments(wchar_t* buffer, std::vector<wchar_t*>& args)
+{
+    if (buffer == nullptr)
+    {
+        QXLOG_INFO("QXCommon::CExpandArgs::ExtractArguments", L"Invalid Parameter\n");
+        return 0;
+    }
+
+    wchar_t* p = buffer;
+    while (*p != L'\0')
+    {
+        const bool quoted = *p == L'"';
+        if (quoted)
+            ++p;
+        args.push_back(p);
+
+        if (!quoted)
+        {
+            while (*p != L'\0' && !IsSeparator(*p))
+                ++p;
+            if (*p != L'\0')
+                *p++ = L'\0';
+        }
+        else
+        {
+            while (*p != L'\0' && !IsClosingQuote(p))
+                ++p;
+            if (*p != L'\0')
+            {
+                // Past the quote and the separator, unless the text ends here.
+                const bool atEnd = p[1] == L'\0';
+                *p = L'\0';
+                p += atEnd ? 1 : 2;
+            }
+            // Without a closing quote the argument runs to the end, quotes included.
+        }
+        // Separators are not merged: the next separator starts an empty argument.
+    }
+    return args.empty() ? 0 : 1;
+}
+
+void CExpandArgs::ExpandArguments(std::wstring& result, const std::vector<wchar_t*>& args)
+{
+    constexpr const char* Function = "QXCommon::CExpandArgs::ExpandArguments";
+    result.clear();
+    for (size_t i = 0; i < args.size(); ++i)
+    {
+        std::wstring arg(args[i]);
+        QXLOG_INFO(Function, L"Tokens Identified [{}]\n", arg);
+
+        if (IsSearchCandidate(arg.c_str(), arg.size()))
+        {
+            wchar_t path[MAX_PATH + 1] = {};
+            std::wmemcpy(path, arg.c_str(), arg.size());
+            if (::PathFindOnPathW(path, nullptr))
+            {
+                arg = path;
+                QXLOG_INFO(Function, L"Token Expanded to [{}]\n", arg);
+            }
+        }
+
+        if (i > 0)
+            result += L' ';
+        if (NeedsQuotes(arg) && arg.find(L'"') == std::wstring::npos)
+        {
+            result += L'"';
+            result += arg;
+            result += L'"';
+        }
+        else
+        {
+            result += arg;
+        }
+    }
+}
+} // namespace QXCommon
