@@ -576,12 +576,22 @@ DWORD CEnvironmentEx::ExpandStringDirectForUser(HANDLE token, const std::wstring
     for (int attempt = 0; attempt < MaxExpandForUserAttempts; ++attempt, chars *= 2)
     {
         std::vector<wchar_t> buffer(chars + 1, L'\0');
+        DWORD error = ERROR_SUCCESS;
         if (ExpandEnvironmentStringsForUserW(token, originalString.c_str(), buffer.data(), chars))
         {
-            expandedString.assign(buffer.data());
-            return ERROR_SUCCESS;
+            // Some implementations report success with the text cut to fit the
+            // buffer. A result that fills the buffer may have been cut, so it is
+            // treated as a buffer that was too small.
+            size_t length = wcsnlen(buffer.data(), chars);
+            if (length + 1 < chars)
+            {
+                expandedString.assign(buffer.data(), length);
+                return ERROR_SUCCESS;
+            }
+            error = ERROR_INSUFFICIENT_BUFFER;
         }
-        DWORD error = GetLastError();
+        else
+            error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER)
         {
             QXLOG_ERROR("QXCommon::CEnvironmentEx::ExpandStringDirectForUser",
