@@ -11,6 +11,7 @@
 #include "QXTestSupport.h"
 
 #include "QXCommon/QXCommonFunctions.h"
+#include "QXCommon/OSVersionHelper.h"
 #include "QXCommon/WOW64FSRedirectEnabler.h"
 
 #include <gtest/gtest.h>
@@ -293,4 +294,35 @@ TEST(Wow64, RedirectionWrappersForwardToTheSystem)
     SetLastError(0);
     EXPECT_FALSE(QXCommonFunctions::QXWow64DisableWow64FsRedirection(nullptr));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
+{
+    using QXCommon::COSVersionHelper;
+    OSVERSIONINFOEXW info = {};
+    info.dwOSVersionInfoSize = sizeof(info);
+    using RtlGetVersionFn = LONG(WINAPI*)(OSVERSIONINFOEXW*);
+    auto rtlGetVersion = reinterpret_cast<RtlGetVersionFn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
+    ASSERT_NE(rtlGetVersion, nullptr);
+    ASSERT_EQ(rtlGetVersion(&info), 0);
+
+    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_GREATER_EQUAL, 5, 0));
+    EXPECT_FALSE(COSVersionHelper::IsOSVersion(VER_EQUAL, 99, 0));
+    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_LESS, 99, 99));
+    // The product type is reported as it is, compatibility declaration or not.
+    EXPECT_TRUE(COSVersionHelper::IsProductType(VER_EQUAL, info.wProductType));
+    EXPECT_FALSE(COSVersionHelper::IsProductType(VER_EQUAL, static_cast<BYTE>(info.wProductType == 1 ? 3 : 1)));
+    if (info.wSuiteMask != 0)
+    {
+        EXPECT_TRUE(COSVersionHelper::IsProductSuite(VER_AND, info.wSuiteMask));
+    }
+    for (WORD bit = 1; bit != 0; bit = static_cast<WORD>(bit << 1))
+    {
+        if ((info.wSuiteMask & bit) == 0)
+        {
+            EXPECT_FALSE(COSVersionHelper::IsProductSuite(VER_AND, bit)) << bit;
+            break;
+        }
+    }
 }
