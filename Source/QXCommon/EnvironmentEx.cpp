@@ -328,8 +328,8 @@ int CEnvironmentEx::IsPerSessionTempFolderEnabled()
                        L"Got PerSessionTempValue from key {}. Value {}\n", keyName, value);
             return value != 0 ? 1 : 0;
         }
-        QXLOG_INFO("QXCommon::CEnvironmentEx::IsPerSessionTempFolderEnabled",
-                   L"Failed to query the PerSessionTempDir value in {}. Error: {}\n", keyName, error);
+        QXLOG_ERROR("QXCommon::CEnvironmentEx::IsPerSessionTempFolderEnabled",
+                    L"Failed to query the PerSessionTempDir value in {}. Error: {}\n", keyName, error);
     }
     QXLOG_ERROR("QXCommon::CEnvironmentEx::IsPerSessionTempFolderEnabled",
                 L"Failed to query either PerSessionTempDir key. Error: {}\n", error);
