@@ -72,6 +72,14 @@ public:
             AtlThrowLastWin32();
     }
 
+    // Copies the SID; throws CAtlException when it is null or not valid.
+    explicit CSid(const SID* pSid, LPCWSTR pszSystem = nullptr)
+    {
+        Reset();
+        if (!LoadAccount(pSid, pszSystem))
+            AtlThrow(E_INVALIDARG);
+    }
+
     // Builds a SID from its authority and sub-authorities (at most 15),
     // given as DWORDs.
     CSid(const SID_IDENTIFIER_AUTHORITY& identifierAuthority, BYTE nSubAuthorityCount, ...)
@@ -153,19 +161,15 @@ public:
         return true;
     }
 
-    // Takes the SID and looks its account up on the given system.
+    // Takes a copy of the SID; its account is looked up on the given system
+    // when AccountName(), Domain() or SidNameUse() is first asked.
     bool LoadAccount(const SID* pSid, LPCWSTR pszSystem = nullptr)
     {
-        if (pSid == nullptr)
-        {
-            ::SetLastError(ERROR_INVALID_PARAMETER);
-            return false;
-        }
         Reset();
         if (!Copy(pSid))
             return false;
         Detail::AssignOrThrow(m_system, pszSystem);
-        return LookupAccount();
+        return true;
     }
 
     // The account's name and domain, looked up on first use; "" when the SID
@@ -504,7 +508,7 @@ public:
     }
 
     // Puts an impersonation copy of the token on the thread (nullptr: the
-    // current one).
+    // current one); the token needs TOKEN_DUPLICATE.
     bool Impersonate(HANDLE hThread = nullptr) const
     {
         if (m_hToken == nullptr)
@@ -534,6 +538,8 @@ public:
         return true;
     }
 
+    // The copy has TOKEN_IMPERSONATE and TOKEN_QUERY access; the token needs
+    // TOKEN_DUPLICATE.
     bool CreateImpersonationToken(CAccessToken* pImpersonationToken,
                                   SECURITY_IMPERSONATION_LEVEL sil = SecurityImpersonation) const noexcept
     {

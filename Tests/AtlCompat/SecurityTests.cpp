@@ -140,6 +140,9 @@ TEST(CSid, EmptySidAndBadInput)
     EXPECT_FALSE(sid.LoadAccount(static_cast<LPCWSTR>(nullptr)));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     EXPECT_FALSE(sid.LoadAccount(static_cast<const SID*>(nullptr)));
+    EXPECT_THROW(ATL::CSid(static_cast<const SID*>(nullptr)), ATL::CAtlException);
+    const BYTE garbage[SECURITY_MAX_SID_SIZE] = {9, 200};
+    EXPECT_FALSE(sid.LoadAccount(reinterpret_cast<const SID*>(garbage)));
     EXPECT_FALSE(sid.LoadAccount(L"qx-no-such-account-4711"));
     EXPECT_FALSE(sid.IsValid());
     EXPECT_THROW(ATL::CSid(L"qx-no-such-account-4711"), ATL::CAtlException);
@@ -168,6 +171,11 @@ TEST(CSid, AccountLookupRoundTrips)
         EXPECT_EQ(looked, user) << QXTest::Narrow(looked.Sid()) << " vs " << QXTest::Narrow(user.Sid());
         EXPECT_STREQ(looked.AccountName(), name.c_str());
     }
+
+    // A SID that names no account loads; only its name stays empty.
+    ATL::CSid unknown(ATL::CSid(ATL::Detail::SidAuthority(5), 4, DWORD(21), DWORD(1), DWORD(2), DWORD(3)).GetPSID());
+    EXPECT_TRUE(unknown.IsValid());
+    EXPECT_STREQ(unknown.AccountName(), L"");
 
     ATL::CSid admins;
     ASSERT_TRUE(admins.LoadAccount(ATL::Sids::Admins().GetPSID()));
