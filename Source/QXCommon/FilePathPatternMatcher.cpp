@@ -385,16 +385,23 @@ int CFilePathPatternMatcher::MatchesDriverHookExceptionPattern(const std::wstrin
 {
     std::wstring fileName;
     std::wstring parent;
-    if (GetFileNameAndParentDirectoryFromFilePath(path, fileName, parent) != 1)
+    // Either separator may be written; both sides are compared with \.
+    std::wstring normalizedPath = path;
+    std::wstring normalizedPattern = pattern;
+    for (std::wstring* text : {&normalizedPath, &normalizedPattern})
+        for (wchar_t& c : *text)
+            if (c == L'/')
+                c = L'\\';
+    if (GetFileNameAndParentDirectoryFromFilePath(normalizedPath, fileName, parent) != 1)
     {
         QXLOG_ERROR("QXCommon::CFilePathPatternMatcher::MatchesDriverHookExceptionPattern", L"Bad path [{}]\n", path);
         return 0;
     }
-    size_t separator = LastSeparator(pattern);
+    size_t separator = LastSeparator(normalizedPattern);
     if (separator == std::wstring::npos)
-        return MatchAgainstWildCardPattern(fileName, pattern, 1) == 1 ? 1 : 0;
-    std::wstring folderPart = WithoutTrailingSeparators(pattern.substr(0, separator));
-    std::wstring namePart = pattern.substr(separator + 1);
+        return MatchAgainstWildCardPattern(fileName, normalizedPattern, 1) == 1 ? 1 : 0;
+    std::wstring folderPart = WithoutTrailingSeparators(normalizedPattern.substr(0, separator));
+    std::wstring namePart = normalizedPattern.substr(separator + 1);
     if (folderPart.empty() || namePart.empty())
         return 0;
     return (MatchAgainstWildCardPattern(fileName, namePart, 1) == 1 &&

@@ -39,7 +39,7 @@ namespace Detail
 namespace
 {
 constexpr long long UnlimitedSteps = LLONG_MAX;
-constexpr long long LinearStepBudget = 50'000'000;
+constexpr long long LinearStepBudget = 10'000'000;
 constexpr long long BacktrackingStepBudget = 2'000'000;
 
 thread_local long long t_stepsLeft = UnlimitedSteps;
