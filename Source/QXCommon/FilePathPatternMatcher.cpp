@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <new>
+#include <vector>
 
 namespace QXCommon
 {
@@ -30,12 +31,12 @@ struct FoldTable
     {
         for (size_t i = 0; i < 0x10000; ++i)
             lower[i] = static_cast<wchar_t>(i);
-        static wchar_t source[0x10000];
+        std::vector<wchar_t> source(0x10000);
         for (size_t i = 0; i < 0x10000; ++i)
             source[i] = static_cast<wchar_t>(i);
         // Code unit 0 is left out (it ends the texts); surrogates are
         // restored afterwards, as adjacent ones may have been read as pairs.
-        if (LCMapStringW(LOCALE_INVARIANT, LCMAP_LOWERCASE, source + 1, 0xFFFF, lower + 1, 0xFFFF) == 0)
+        if (LCMapStringW(LOCALE_INVARIANT, LCMAP_LOWERCASE, source.data() + 1, 0xFFFF, lower + 1, 0xFFFF) == 0)
         {
             for (size_t i = 0; i < 0x10000; ++i)
                 lower[i] = static_cast<wchar_t>(i >= L'A' && i <= L'Z' ? i + (L'a' - L'A') : i);

@@ -13,6 +13,8 @@
 
 #include <regex>
 #include <string>
+#include <thread>
+#include <vector>
 
 using QXCommon::RegExHelpers::CQXRegEx;
 using QXCommon::RegExHelpers::GlobWildcardString;
@@ -155,6 +157,41 @@ TEST(CQXRegEx, AgreesWithTheStandardSearch)
             EXPECT_EQ(regex.Match(text), std::regex_search(std::wstring(text), reference))
                 << QXTest::Narrow(std::wstring(expression) + L" ~ " + text);
     }
+}
+
+// One compiled expression (and its copies) matched from several threads at
+// once: each thread keeps its own step budget and gets its own answers.
+TEST(CQXRegEx, OneCompiledExpressionServesManyThreads)
+{
+    CQXRegEx linear;
+    ASSERT_TRUE(linear.Parse(L"\\\\system32\\\\[^\\\\]+\\.exe$"));
+    CQXRegEx backtracking;
+    ASSERT_TRUE(backtracking.Parse(L"(\\w+)\\\\\\1"));
+    GlobWildcardString glob;
+    ASSERT_TRUE(glob.Parse(L"c:\\*\\*.exe"));
+    std::vector<int> wrong(8, 0);
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < wrong.size(); ++t)
+    {
+        threads.emplace_back([&, t] {
+            CQXRegEx copy = linear;
+            for (int i = 0; i < 200; ++i)
+            {
+                bool odd = (i + t) % 2 == 1;
+                std::wstring path = odd ? L"C:\\Windows\\System32\\calc.exe" : L"C:\\Windows\\calc.dll";
+                if (copy.Match(path) != odd || linear.Match(path) != odd)
+                    ++wrong[t];
+                if (backtracking.Match(odd ? L"c:\\win\\win" : L"c:\\win\\dos") != odd)
+                    ++wrong[t];
+                if (glob.Match(path) != odd)
+                    ++wrong[t];
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    for (size_t t = 0; t < wrong.size(); ++t)
+        EXPECT_EQ(wrong[t], 0) << "thread " << t;
 }
 
 TEST(ValidateRegularExpression, ReportsParseResultAndErrorCode)
