@@ -62,3 +62,14 @@ function(qx_copy_runtime_dlls destination)
     endforeach()
     set(QX_RUNTIME_DLLS ${found} CACHE INTERNAL "MinGW runtime DLLs shipped with the library")
 endfunction()
+
+# Programs of the project carry a manifest that declares the Windows
+# versions they know (otherwise version queries stop at 6.2).
+function(qx_add_app_manifest target)
+    set(QX_APP_MANIFEST ${PROJECT_SOURCE_DIR}/cmake/qx-app.manifest)
+    set(rc ${CMAKE_BINARY_DIR}/qx-app.rc)
+    if(NOT EXISTS ${rc})
+        configure_file(${PROJECT_SOURCE_DIR}/cmake/qx-app.rc.in ${rc} @ONLY)
+    endif()
+    target_sources(${target} PRIVATE ${rc})
+endfunction()
