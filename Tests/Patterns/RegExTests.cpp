@@ -281,6 +281,9 @@ TEST(RegExBounds, SmallStackLongTextsAndExplodingExpressions)
         // Program size times text length beyond the step budget: stopped, no match.
         {L"long-expression-long-text", 1},
         {L"backref-long", 1},          {L"backref-exploding", 1},    {L"validate-huge", 1},
+        // The largest program the state limit lets through, backtracking over
+        // the longest text it is given.
+        {L"backref-big-program", 0},   {L"backref-big-program-nomatch", 1},
     };
     for (const Case& c : cases)
     {

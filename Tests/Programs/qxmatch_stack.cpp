@@ -79,6 +79,10 @@ int RunCase(const std::wstring& name)
         return Search(L"(\\w+)\\\\\\1", L"c:\\windows\\windows");
     if (name == L"backref-long")
         return Search(L"(a)\\1", std::wstring(5000, L'a'));
+    if (name == L"backref-big-program")
+        return Search(L"^(?:a?){700}(a)\\1$", std::wstring(256, L'a'));
+    if (name == L"backref-big-program-nomatch")
+        return Search(L"^(?:a?){700}(a)\\1b$", std::wstring(256, L'a'));
     if (name == L"backref-exploding")
         return Search(L"^(.|.)*\\1!$", std::wstring(28, L'x'));
     if (name == L"validate-huge")
