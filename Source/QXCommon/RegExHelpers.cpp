@@ -249,10 +249,20 @@ constexpr Sample Samples[] = {
     {QX_REGEX_SAMPLE_FILE_PATH, L"c:\\windows\\system32\\calc.exe"},
     {QX_REGEX_SAMPLE_FOLDER, L"c:\\windows\\system32\\"},
     {QX_REGEX_SAMPLE_COMPUTER_NAME, L"WKSTN07"},
-    {QX_REGEX_SAMPLE_UNC_SHARE, L"\\\\fileserv01\\public"},
-    {QX_REGEX_SAMPLE_WEB_HOST, L"www.example.co.uk"},
+    {QX_REGEX_SAMPLE_UNC_SHARE, L"\\\\fileserver1\\public"},
+    {QX_REGEX_SAMPLE_WEB_HOST, L"www.example.com.au"},
     {QX_REGEX_SAMPLE_IPV4_ADDRESS, L"192.168.1.1"},
 };
+// Each kind's sample has its settled length.
+constexpr size_t SampleLengths[] = {0, 28, 20, 7, 20, 18, 11};
+constexpr bool SamplesHaveTheirLengths()
+{
+    for (size_t i = 0; i < sizeof Samples / sizeof Samples[0]; ++i)
+        if (std::char_traits<wchar_t>::length(Samples[i].text) != SampleLengths[i])
+            return false;
+    return true;
+}
+static_assert(SamplesHaveTheirLengths());
 } // namespace
 
 bool ValidateRegularExpression(const wchar_t* expression, int* errorCode)
