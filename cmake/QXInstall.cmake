@@ -24,7 +24,8 @@ install(EXPORT QXCommonTargets
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QXCommon)
 configure_package_config_file(cmake/QXCommonConfig.cmake.in
     ${CMAKE_BINARY_DIR}/QXCommonConfig.cmake
-    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QXCommon)
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/QXCommon
+    PATH_VARS CMAKE_INSTALL_BINDIR)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/QXCommonConfigVersion.cmake
     VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/QXCommonConfig.cmake ${CMAKE_BINARY_DIR}/QXCommonConfigVersion.cmake
