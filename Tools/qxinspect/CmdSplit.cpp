@@ -69,7 +69,7 @@ int RunSplit(Context& context, const std::vector<std::wstring>& args)
 } // namespace
 
 QXINSPECT_COMMAND(L"split", L"split COMMANDLINE...",
-                  L"Split a command line into program and arguments, and expand arguments found on the search path.",
+                  L"split a command line into program and arguments (expanded to full paths)",
                   L"COMMANDLINE is split as the agent splits the command line of a starting process:\n"
                   L"  - \"C:\\Program Files\\App\\a.exe\" -x   a quoted program: the text between the quotes;\n"
                   L"    the arguments start two characters after the closing quote\n"
