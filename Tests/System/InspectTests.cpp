@@ -7,88 +7,47 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace
 {
-QXTest::ProcessResult Inspect(const std::wstring& arguments)
+// Runs qxinspect and checks its exit code and that every fragment is in its output.
+void ExpectInspect(const std::wstring& arguments, DWORD exitCode, const std::vector<std::string>& fragments)
 {
-    return QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" " + arguments);
-}
-
-bool Contains(const std::string& text, const std::string& part)
-{
-    return text.find(part) != std::string::npos;
+    SCOPED_TRACE(QXTest::Narrow(arguments));
+    auto run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" " + arguments);
+    ASSERT_TRUE(run.started);
+    EXPECT_EQ(run.exitCode, exitCode) << run.output;
+    for (const auto& fragment : fragments)
+        EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
 }
 } // namespace
 
-TEST(Inspect, OsAsJson)
-{
-    auto run = Inspect(L"--json os");
-    ASSERT_TRUE(run.started);
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"is64BitArchitecture\": true")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"isWow64\": false")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"fsRedirectionEnabled\": false")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"os\": ")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"name\": \"")) << run.output;
-}
-
-TEST(Inspect, ErrorTexts)
-{
-    auto run = Inspect(L"error 5");
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    std::string message = QXTest::Narrow(QXCommonFunctions::ErrorMessageFromCode(5));
-    ASSERT_FALSE(message.empty());
-    EXPECT_TRUE(Contains(run.output, "hresult: 0x00000005 ")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "message: " + message)) << run.output;
-
-    run = Inspect(L"--json error 0x80040201");
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"hresult\": \"0x80040201 IDispatch error #1\"")) << run.output;
-}
-
-TEST(Inspect, ExeAnswersAndExitCodes)
+TEST(Inspect, CommandsAndExitCodes)
 {
     wchar_t system[MAX_PATH] = {};
     ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH), 0u);
-    std::wstring dll = std::wstring(system) + L"\\kernel32.dll";
-    auto run = Inspect(L"--json exe \"" + dll + L"\"");
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"isNTExe\": true")) << run.output;
-    EXPECT_TRUE(Contains(run.output, "\"ntExeOrAccessRestricted\": 1")) << run.output;
-
+    const std::wstring dll = L"\"" + std::wstring(system) + L"\\kernel32.dll\"";
     QXTest::TempDir dir;
-    std::wstring text = dir.Write(L"notes.txt", "just text, no headers at all");
-    run = Inspect(L"exe \"" + dll + L"\" \"" + text + L"\"");
-    EXPECT_EQ(run.exitCode, 1u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "not an NT image")) << run.output;
+    const std::wstring text = L"\"" + dir.Write(L"notes.txt", "just text, no headers at all") + L"\"";
+    const std::string message = QXTest::Narrow(QXCommonFunctions::ErrorMessageFromCode(5));
+    ASSERT_FALSE(message.empty());
 
-    run = Inspect(L"exe \"" + dir.File(L"missing.exe") + L"\" \"" + text + L"\"");
-    EXPECT_EQ(run.exitCode, 3u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "error 2")) << run.output;
-}
+    ExpectInspect(L"--json os", 0,
+                  {"\"is64BitArchitecture\": true", "\"isWow64\": false", "\"fsRedirectionEnabled\": false",
+                   "\"os\": ", "\"name\": \""});
+    ExpectInspect(L"error 5", 0, {"hresult: 0x00000005 ", "message: " + message});
+    ExpectInspect(L"--json error 0x80040201", 0, {"\"hresult\": \"0x80040201 IDispatch error #1\""});
+    ExpectInspect(L"--json exe " + dll, 0, {"\"isNTExe\": true", "\"ntExeOrAccessRestricted\": 1"});
+    ExpectInspect(L"exe " + dll + L" " + text, 1, {"not an NT image"});
+    ExpectInspect(L"exe \"" + dir.File(L"missing.exe") + L"\" " + text, 3, {"error 2"});
+    ExpectInspect(L"guid --canonicalize abc", 0, {"{ABC}"});
+    for (const wchar_t* bad : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize"})
+        ExpectInspect(bad, 2, {"qxinspect: "});
 
-TEST(Inspect, GuidCommands)
-{
-    auto run = Inspect(L"guid");
+    auto run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" guid");
     EXPECT_EQ(run.exitCode, 0u) << run.output;
     ASSERT_GE(run.output.size(), 38u);
     EXPECT_EQ(run.output[0], '{');
     EXPECT_EQ(run.output[37], '}');
-
-    run = Inspect(L"guid --canonicalize abc");
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    EXPECT_TRUE(Contains(run.output, "{ABC}")) << run.output;
-}
-
-TEST(Inspect, BadUsage)
-{
-    const wchar_t* cases[] = {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize"};
-    for (const wchar_t* arguments : cases)
-    {
-        SCOPED_TRACE(QXTest::Narrow(arguments));
-        auto run = Inspect(arguments);
-        EXPECT_EQ(run.exitCode, 2u) << run.output;
-        EXPECT_TRUE(Contains(run.output, "qxinspect: ")) << run.output;
-    }
 }

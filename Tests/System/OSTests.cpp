@@ -1,11 +1,8 @@
-// Which Windows GetCurrentOS reports, over several versions that Wine
-// emulates for one program: the helper qxsys_osprobe.exe prints
-// GetCurrentOS() next to the version numbers the system gives it, and the
-// test checks the bit against the table. Wine picks the version per program
-// from HKCU\Software\Wine\AppDefaults\<exe>\Version; where it has no server
-// edition of a version, the version and product type are taken from the
-// prefix's HKLM (CurrentVersion, CurrentBuildNumber, ProductOptions), which
-// Wine reads when no Version is set.
+// GetCurrentOS over the versions Wine emulates: qxsys_osprobe.exe prints its
+// answer beside the version the system reports. Wine takes the version from
+// HKCU\Software\Wine\AppDefaults\<exe>\Version or, when none is set, from
+// the prefix's HKLM CurrentVersion/CurrentBuildNumber/ProductOptions (the
+// only way to get server editions it has no name for).
 
 #include "QXLog.h"
 #include "QXTestSupport.h"
@@ -31,9 +28,7 @@ const wchar_t* const AppDefaults = L"Software\\Wine\\AppDefaults\\qxsys_osprobe.
 const wchar_t* const CurrentVersionKey = L"Software\\Microsoft\\Windows NT\\CurrentVersion";
 const wchar_t* const ProductOptionsKey = L"System\\CurrentControlSet\\Control\\ProductOptions";
 
-// Declares the probe compatible with Windows 7 to 10, as a shipped program
-// does. Without it Windows (and Wine) report 6.2 to version checks on 8.1 and
-// later.
+// Declares Windows 7 to 10 compatibility; without it 8.1 and later read as 6.2.
 const char* const CompatManifest =
     "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
     "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\n"
@@ -73,25 +68,19 @@ std::optional<Probe> RunProbe()
     return p;
 }
 
-// The table the product's callers test against.
+// The table the product's callers test against: {major, minor, workstation bit, server bit}.
 DWORD ExpectedBits(unsigned major, unsigned minor, unsigned productType)
 {
-    const bool workstation = productType == VER_NT_WORKSTATION;
-    if (major == 6 && minor == 1)
-        return workstation ? 0x10 : 0x80;
-    if (major == 6 && minor == 2)
-        return workstation ? 0x20 : 0x40;
-    if (major == 6 && minor == 3)
-        return workstation ? 0x100 : 0x200;
-    if (major == 10 && minor == 0)
-        return workstation ? 0x400 : 0x800;
+    const unsigned table[][4] = {{6, 1, 0x10, 0x80}, {6, 2, 0x20, 0x40}, {6, 3, 0x100, 0x200}, {10, 0, 0x400, 0x800}};
+    for (const auto& row : table)
+        if (row[0] == major && row[1] == minor)
+            return productType == VER_NT_WORKSTATION ? row[2] : row[3];
     return 0;
 }
 
 // A registry value put back as it was when the object goes.
-class SavedValue
+struct SavedValue
 {
-public:
     SavedValue(HKEY root, const std::wstring& subKey, const std::wstring& name) : m_name(name)
     {
         if (m_key.Create(root, subKey.c_str()) != ERROR_SUCCESS)
@@ -113,9 +102,6 @@ public:
             m_key.DeleteValue(m_name.c_str());
     }
     void SetString(const std::wstring& value) { m_key.SetStringValue(m_name.c_str(), value.c_str()); }
-    void Delete() { m_key.DeleteValue(m_name.c_str()); }
-
-private:
     ATL::CRegKey m_key;
     std::wstring m_name;
     DWORD m_type = REG_NONE;
@@ -124,9 +110,8 @@ private:
 };
 
 // The compatibility manifest beside the probe, removed afterwards.
-class ProbeManifest
+struct ProbeManifest
 {
-public:
     explicit ProbeManifest(bool present) : m_path(QXTest::HelperPath(ProbeExe) + L".manifest")
     {
         ::DeleteFileW(m_path.c_str());
@@ -137,15 +122,12 @@ public:
         ::WriteFile(file, CompatManifest, static_cast<DWORD>(strlen(CompatManifest)), &written, nullptr);
     }
     ~ProbeManifest() { ::DeleteFileW(m_path.c_str()); }
-
-private:
     std::wstring m_path;
 };
 
-class AppDefaultsKey
+// Wine's per-program Version for the probe, removed afterwards.
+struct AppDefaultsKey
 {
-public:
-    AppDefaultsKey() = default;
     ~AppDefaultsKey() { ATL::CRegKey(HKEY_CURRENT_USER).RecurseDeleteKey(AppDefaults); }
     void SetVersion(const std::wstring& version)
     {
@@ -229,8 +211,6 @@ TEST(CurrentOS, EachVersionGivesItsBit)
 
 TEST(CurrentOS, WithoutCompatibilityDeclarationLaterVersionsReadAsWindows8)
 {
-    // A program that does not declare itself compatible with 8.1 and later
-    // is told 6.2 by the system's version checks, on Windows as under Wine.
     ProbeManifest manifest(false);
     AppDefaultsKey appDefaults;
     appDefaults.SetVersion(L"win10");
@@ -270,26 +250,19 @@ TEST(Wow64, SixtyFourBitProcessOnX64)
 
 TEST(Wow64, RedirectionWrappersForwardToTheSystem)
 {
-    // In a 64-bit process there is nothing to redirect: the system answers
-    // the calls all the same, and the wrappers pass its answer on.
+    // A 64-bit process has nothing to redirect; the wrappers pass on whatever the system answers.
     PVOID old = reinterpret_cast<PVOID>(0x1234);
-    BOOL disabled = QXCommonFunctions::QXWow64DisableWow64FsRedirection(&old);
-    BOOL systemDisabled = FALSE;
+    const BOOL disabled = QXCommonFunctions::QXWow64DisableWow64FsRedirection(&old);
+    using Fn = BOOL(WINAPI*)(PVOID*);
+    auto fn = reinterpret_cast<Fn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "Wow64DisableWow64FsRedirection")));
+    ASSERT_NE(fn, nullptr);
     PVOID systemOld = nullptr;
-    {
-        using Fn = BOOL(WINAPI*)(PVOID*);
-        auto fn = reinterpret_cast<Fn>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "Wow64DisableWow64FsRedirection")));
-        ASSERT_NE(fn, nullptr);
-        systemDisabled = fn(&systemOld);
-        if (systemDisabled)
-            QXCommonFunctions::QXWow64RevertWow64FsRedirection(systemOld);
-    }
+    const BOOL systemDisabled = fn(&systemOld);
+    if (systemDisabled)
+        QXCommonFunctions::QXWow64RevertWow64FsRedirection(systemOld);
     EXPECT_EQ(disabled != FALSE, systemDisabled != FALSE);
-    if (disabled)
-    {
-        EXPECT_TRUE(QXCommonFunctions::QXWow64RevertWow64FsRedirection(old));
-    }
+    EXPECT_TRUE(!disabled || QXCommonFunctions::QXWow64RevertWow64FsRedirection(old));
 
     SetLastError(0);
     EXPECT_FALSE(QXCommonFunctions::QXWow64DisableWow64FsRedirection(nullptr));
@@ -313,16 +286,9 @@ TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
     // The product type is reported as it is, compatibility declaration or not.
     EXPECT_TRUE(COSVersionHelper::IsProductType(VER_EQUAL, info.wProductType));
     EXPECT_FALSE(COSVersionHelper::IsProductType(VER_EQUAL, static_cast<BYTE>(info.wProductType == 1 ? 3 : 1)));
-    if (info.wSuiteMask != 0)
-    {
-        EXPECT_TRUE(COSVersionHelper::IsProductSuite(VER_AND, info.wSuiteMask));
-    }
-    for (WORD bit = 1; bit != 0; bit = static_cast<WORD>(bit << 1))
-    {
-        if ((info.wSuiteMask & bit) == 0)
-        {
-            EXPECT_FALSE(COSVersionHelper::IsProductSuite(VER_AND, bit)) << bit;
-            break;
-        }
-    }
+    EXPECT_TRUE(info.wSuiteMask == 0 || COSVersionHelper::IsProductSuite(VER_AND, info.wSuiteMask));
+    WORD missing = 1;
+    while (missing != 0 && (info.wSuiteMask & missing) != 0)
+        missing = static_cast<WORD>(missing << 1);
+    EXPECT_FALSE(missing != 0 && COSVersionHelper::IsProductSuite(VER_AND, missing)) << missing;
 }

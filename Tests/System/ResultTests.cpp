@@ -70,27 +70,11 @@ TEST(HResult, ToStringForCodesWithAndWithoutText)
     }
 }
 
-TEST(HResult, CopyAndAssign)
-{
-    QXCommon::CHResult a(E_FAIL);
-    QXCommon::CHResult b(S_OK);
-    b = a;
-    EXPECT_EQ(b.Code(), E_FAIL);
-    QXCommon::CHResult c(b);
-    EXPECT_EQ(static_cast<HRESULT>(c), E_FAIL);
-    EXPECT_EQ(c.ToString(), a.ToString());
-}
-
-TEST(ErrorMessage, ZeroIsEmptyAndSilent)
-{
-    QXTest::LogCapture capture;
-    EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(0), L"");
-    EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
-}
-
 TEST(ErrorMessage, TextWithoutLineBreaksAndItsLogLine)
 {
     QXTest::LogCapture capture;
+    EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(0), L""); // zero: empty and silent
+    EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
     for (int code : {5, 2, static_cast<int>(0x80070057)})
     {
         SCOPED_TRACE(code);
@@ -108,8 +92,6 @@ TEST(ErrorMessage, TextWithoutLineBreaksAndItsLogLine)
                                 std::wstring(L"Error ") + hex + L" [" + text + L"]\n"))
             << capture.Dump();
     }
-    EXPECT_TRUE(capture.Has(4, "QXCommonFunctions::ErrorMessageFromCode",
-                            L"Error 5 [" + QXCommonFunctions::ErrorMessageFromCode(5) + L"]\n"));
 }
 
 TEST(ErrorMessage, CodeWithoutTextLogsTheFailure)
@@ -122,7 +104,7 @@ TEST(ErrorMessage, CodeWithoutTextLogsTheFailure)
     ASSERT_EQ(FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code, 0,
                              reinterpret_cast<LPWSTR>(&raw), 100, nullptr),
               0u);
-    DWORD systemError = GetLastError();
+    const DWORD systemError = GetLastError();
     EXPECT_NE(systemError, 0u);
 
     EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(code), L"");
@@ -159,45 +141,32 @@ TEST(Guid, NewGuidsAndTheirText)
     EXPECT_EQ(seen.count(fresh), 0u);
 }
 
-TEST(Guid, EqualityAssignmentAndConversion)
+TEST(Guid, EqualityLooksAtEveryByte)
 {
     const GUID g1 = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
     GUID g2 = g1;
     g2.Data4[7] ^= 1; // last byte only
-    QXCommon::CGuid a(g1), b(g2), c;
+    QXCommon::CGuid a(g1), b(g2);
     EXPECT_FALSE(a == b);
     EXPECT_TRUE(a != b);
-    c = g1;
-    EXPECT_TRUE(c == a);
-    c = b;
-    EXPECT_TRUE(c == b);
     EXPECT_EQ(a.ToString(), L"{01234567-89AB-CDEF-0123-456789ABCDEF}");
-    GUID& ref = c;
-    ref.Data1 = 0x01234567;
+    GUID& ref = b; // writable through the conversion
     ref.Data4[7] = 0xEF;
-    EXPECT_TRUE(c == a);
-    const QXCommon::CGuid& constant = a;
-    EXPECT_TRUE(IsEqualGUID(static_cast<const GUID&>(constant), g1));
+    EXPECT_TRUE(b == a);
 }
 
 TEST(Guid, Canonicalize)
 {
     const std::pair<std::wstring, std::wstring> cases[] = {
-        {L"abc", L"{ABC}"},
-        {L"{abc}", L"{ABC}"},
-        {L"", L""},
-        {L"{abc", L"{ABC}"},
-        {L"abc}", L"{ABC}"},
-        {L"{", L"{}"},
-        {L"}", L"{}"},
+        {L"abc", L"{ABC}"}, {L"{abc}", L"{ABC}"}, {L"", L""}, {L"{abc", L"{ABC}"},
+        {L"abc}", L"{ABC}"}, {L"{", L"{}"},       {L"}", L"{}"},
         {L"0123abcd-ef01-2345-6789-abcdef012345", L"{0123ABCD-EF01-2345-6789-ABCDEF012345}"},
         {L"not a guid", L"{NOT A GUID}"},
     };
-    for (const auto& [in, out] : cases)
+    for (auto [text, out] : cases)
     {
-        std::wstring text = in;
         QXCommon::CGuid::Canonicalize(text);
-        EXPECT_EQ(text, out) << QXTest::Narrow(in);
+        EXPECT_EQ(text, out);
     }
 }
 
