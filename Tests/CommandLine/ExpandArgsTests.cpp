@@ -1,7 +1,5 @@
-// Argument expansion against the real search path of the prefix: system
-// programs, a file in a folder with blanks that the test puts on PATH,
-// arguments that are not found or not tried, and the way arguments are cut
-// (quotes, commas, empty arguments) and joined again.
+// Argument expansion against the prefix's real search path, and how arguments
+// are cut (quotes, commas, empty arguments) and joined again.
 
 #include "QXTestSupport.h"
 
@@ -28,11 +26,6 @@ std::wstring SystemDir()
     return dir;
 }
 
-bool SamePath(const std::wstring& a, const std::wstring& b)
-{
-    return _wcsicmp(a.c_str(), b.c_str()) == 0;
-}
-
 // The arguments as CommandLineToArgvW reads them (behind a dummy program).
 std::vector<std::wstring> ArgvOf(const std::wstring& args)
 {
@@ -44,6 +37,16 @@ std::vector<std::wstring> ArgvOf(const std::wstring& args)
         result.emplace_back(argv[i]);
     LocalFree(argv);
     return result;
+}
+
+// The arguments of `line` equal `expected`, paths compared without regard to case.
+void ExpectArgs(const std::wstring& line, const std::vector<std::wstring>& expected)
+{
+    auto argv = ArgvOf(line);
+    ASSERT_EQ(argv.size(), expected.size()) << QXTest::Narrow(line);
+    for (size_t i = 0; i < argv.size(); ++i)
+        EXPECT_EQ(_wcsicmp(argv[i].c_str(), expected[i].c_str()), 0)
+            << QXTest::Narrow(argv[i]) << " vs " << QXTest::Narrow(expected[i]);
 }
 
 // The argument list ExtractArguments produced, read back from the log.
@@ -59,24 +62,13 @@ std::vector<std::wstring> TokensLogged(const QXTest::LogCapture& capture)
     return tokens;
 }
 
-bool Touch(const std::wstring& path)
-{
-    HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (h == INVALID_HANDLE_VALUE)
-        return false;
-    CloseHandle(h);
-    return true;
-}
-
 // Puts a folder in front of PATH for the test and restores PATH afterwards.
 struct PathPrepend
 {
     explicit PathPrepend(const std::wstring& dir)
     {
-        DWORD size = GetEnvironmentVariableW(L"PATH", nullptr, 0);
-        saved.resize(size);
-        size = GetEnvironmentVariableW(L"PATH", saved.data(), size);
-        saved.resize(size);
+        saved.resize(GetEnvironmentVariableW(L"PATH", nullptr, 0));
+        saved.resize(GetEnvironmentVariableW(L"PATH", saved.data(), static_cast<DWORD>(saved.size())));
         SetEnvironmentVariableW(L"PATH", (dir + L";" + saved).c_str());
     }
     ~PathPrepend() { SetEnvironmentVariableW(L"PATH", saved.c_str()); }
@@ -113,12 +105,12 @@ TEST(ExpandArgs, CutsAndJoinsArguments)
     };
     for (const CutCase& c : cases)
     {
+        SCOPED_TRACE(QXTest::Narrow(c.input));
         QXTest::LogCapture capture;
-        CExpandArgs expand;
         std::wstring result = L"stale";
-        ASSERT_EQ(expand.ConvertArgsToFullPath(c.input, result), 1) << QXTest::Narrow(c.input);
-        EXPECT_EQ(TokensLogged(capture), c.tokens) << QXTest::Narrow(c.input) << "\n" << capture.Dump();
-        EXPECT_EQ(result, c.result) << QXTest::Narrow(c.input);
+        ASSERT_EQ(CExpandArgs().ConvertArgsToFullPath(c.input, result), 1);
+        EXPECT_EQ(TokensLogged(capture), c.tokens) << capture.Dump();
+        EXPECT_EQ(result, c.result);
         EXPECT_FALSE(capture.HasFragment(L"Token Expanded to")) << capture.Dump();
     }
 }
@@ -126,9 +118,8 @@ TEST(ExpandArgs, CutsAndJoinsArguments)
 TEST(ExpandArgs, NullInputIsRefused)
 {
     QXTest::LogCapture capture;
-    CExpandArgs expand;
     std::wstring result = L"unchanged";
-    EXPECT_EQ(expand.ConvertArgsToFullPath(nullptr, result), 0);
+    EXPECT_EQ(CExpandArgs().ConvertArgsToFullPath(nullptr, result), 0);
     EXPECT_EQ(result, L"unchanged");
     EXPECT_TRUE(capture.Has(4, ConvertFn, L"Invalid Parameter no conversion possible\n")) << capture.Dump();
     EXPECT_EQ(capture.Count(), 1u);
@@ -155,11 +146,7 @@ TEST(ExpandArgs, SystemProgramsBecomeFullPaths)
     {
         std::wstring result;
         ASSERT_EQ(expand.ConvertArgsToFullPath(c.input, result), 1);
-        auto argv = ArgvOf(result);
-        ASSERT_EQ(argv.size(), c.expected.size()) << QXTest::Narrow(result);
-        for (size_t i = 0; i < argv.size(); ++i)
-            EXPECT_TRUE(SamePath(argv[i], c.expected[i]))
-                << QXTest::Narrow(argv[i]) << " vs " << QXTest::Narrow(c.expected[i]);
+        ExpectArgs(result, c.expected);
     }
 }
 
@@ -190,8 +177,8 @@ TEST(ExpandArgs, FileInFolderWithBlanksOnPathStaysOneArgument)
 {
     QXTest::TempDir temp;
     const std::wstring dir = temp.MakeDir(L"dir with blanks");
-    ASSERT_TRUE(Touch(dir + L"\\qx probe tool.exe"));
-    ASSERT_TRUE(Touch(dir + L"\\qxprobe.dat"));
+    temp.Write(L"dir with blanks\\qx probe tool.exe", "");
+    temp.Write(L"dir with blanks\\qxprobe.dat", "");
 
     CExpandArgs expand;
     std::wstring before;
@@ -201,12 +188,7 @@ TEST(ExpandArgs, FileInFolderWithBlanksOnPathStaysOneArgument)
     PathPrepend path(dir);
     std::wstring result;
     ASSERT_EQ(expand.ConvertArgsToFullPath(L"\"qx probe tool.exe\" -v,qxprobe.dat \"not here.txt\"", result), 1);
-    auto argv = ArgvOf(result);
-    ASSERT_EQ(argv.size(), 4u) << QXTest::Narrow(result);
-    EXPECT_TRUE(SamePath(argv[0], dir + L"\\qx probe tool.exe")) << QXTest::Narrow(result);
-    EXPECT_EQ(argv[1], L"-v");
-    EXPECT_TRUE(SamePath(argv[2], dir + L"\\qxprobe.dat")) << QXTest::Narrow(result);
-    EXPECT_EQ(argv[3], L"not here.txt");
+    ExpectArgs(result, {dir + L"\\qx probe tool.exe", L"-v", dir + L"\\qxprobe.dat", L"not here.txt"});
 
     // Expanding the result again changes nothing: full paths are not looked up.
     std::wstring again;
@@ -237,7 +219,7 @@ TEST(ExpandArgs, VeryLongInput)
     ASSERT_EQ(expand.ConvertArgsToFullPath(many.c_str(), result), 1);
     auto argv = ArgvOf(result);
     ASSERT_EQ(argv.size(), 400u);
-    EXPECT_TRUE(SamePath(argv[300], SystemDir() + L"\\notepad.exe"));
+    EXPECT_EQ(_wcsicmp(argv[300].c_str(), (SystemDir() + L"\\notepad.exe").c_str()), 0);
     EXPECT_EQ(argv[299], L"x.y");
 }
 } // namespace
