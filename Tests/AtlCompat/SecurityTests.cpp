@@ -1,8 +1,6 @@
-// CSid and CAccessToken on the real tokens of the test process: the user,
-// owner, group and session agree with GetTokenInformation, duplicates have
-// the requested type and level, impersonation shows up in OpenThreadToken and
-// goes away on Revert; SIDs round-trip through their text form and through
-// account lookup.
+// CSid and CAccessToken against the system's own answers on the test
+// process's real tokens: text forms, account lookup, token information,
+// duplicates, impersonation and privileges.
 
 #include "QXTestSupport.h"
 
@@ -12,7 +10,6 @@
 
 #include <sddl.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +23,11 @@ std::wstring StringSid(PSID sid)
     std::wstring result(text);
     LocalFree(text);
     return result;
+}
+
+PSID P(const ATL::CSid& sid)
+{
+    return const_cast<SID*>(sid.GetPSID());
 }
 
 std::vector<BYTE> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass)
@@ -76,11 +78,12 @@ TEST(CSid, WellKnownSidsHaveTheirTextForm)
     };
     for (const auto& c : cases)
     {
-        EXPECT_TRUE(c.sid.IsValid()) << QXTest::Narrow(c.text);
+        SCOPED_TRACE(QXTest::Narrow(c.text));
+        EXPECT_TRUE(c.sid.IsValid());
         EXPECT_STREQ(c.sid.Sid(), c.text);
-        EXPECT_EQ(StringSid(const_cast<SID*>(c.sid.GetPSID())), c.text);
-        EXPECT_TRUE(IsWellKnownSid(const_cast<SID*>(c.sid.GetPSID()), c.type)) << QXTest::Narrow(c.text);
-        EXPECT_EQ(c.sid.GetLength(), GetLengthSid(const_cast<SID*>(c.sid.GetPSID())));
+        EXPECT_EQ(StringSid(P(c.sid)), c.text);
+        EXPECT_TRUE(IsWellKnownSid(P(c.sid), c.type));
+        EXPECT_EQ(c.sid.GetLength(), GetLengthSid(P(c.sid)));
     }
     EXPECT_NE(ATL::Sids::Admins(), ATL::Sids::Users());
     EXPECT_TRUE(ATL::Sids::Admins().EqualPrefix(ATL::Sids::Users()));
@@ -97,19 +100,17 @@ TEST(CSid, TextFormMatchesTheSystemForUnusualSids)
         ASSERT_TRUE(ConvertStringSidToSidW(text, &sid)) << QXTest::Narrow(text);
         ATL::CSid csid(*static_cast<SID*>(sid));
         EXPECT_EQ(std::wstring(csid.Sid()), StringSid(sid));
-        EXPECT_TRUE(EqualSid(sid, const_cast<SID*>(csid.GetPSID())));
-        ATL::CSid copy(csid);
+        EXPECT_TRUE(EqualSid(sid, P(csid)));
         ATL::CSid assigned;
-        assigned = copy;
+        assigned = ATL::CSid(csid);
         EXPECT_EQ(assigned, csid);
         EXPECT_EQ(assigned.GetSubAuthorityCount(), *GetSidSubAuthorityCount(sid));
         LocalFree(sid);
     }
 }
 
-// Built from parts: an authority above 32 bits is written in hexadecimal, and
-// a SID may have no sub-authority. (Wine's own string conversion gets both
-// wrong, so the expected texts are written out.)
+// An authority above 32 bits is written in hex; a SID may have no sub-authority.
+// (Wine's own conversion gets both wrong, so the texts are written out.)
 TEST(CSid, TextFormOfLargeAuthorityAndNoSubAuthority)
 {
     SID_IDENTIFIER_AUTHORITY large = {{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC}};
@@ -192,23 +193,21 @@ TEST(CAccessToken, ProcessTokenAgreesWithGetTokenInformation)
     HANDLE h = token.GetHandle();
     ASSERT_NE(h, nullptr);
 
-    auto userInfo = TokenInfo(h, TokenUser);
-    ASSERT_FALSE(userInfo.empty());
-    ATL::CSid user;
+    // User, owner and primary group: each token information starts with the SID pointer.
+    ATL::CSid user, owner, group;
     ASSERT_TRUE(token.GetUser(&user));
-    EXPECT_TRUE(EqualSid(reinterpret_cast<TOKEN_USER*>(userInfo.data())->User.Sid, const_cast<SID*>(user.GetPSID())));
-    EXPECT_EQ(std::wstring(user.Sid()), StringSid(reinterpret_cast<TOKEN_USER*>(userInfo.data())->User.Sid));
-
-    auto ownerInfo = TokenInfo(h, TokenOwner);
-    ATL::CSid owner;
     ASSERT_TRUE(token.GetOwner(&owner));
-    EXPECT_TRUE(EqualSid(reinterpret_cast<TOKEN_OWNER*>(ownerInfo.data())->Owner, const_cast<SID*>(owner.GetPSID())));
-
-    auto groupInfo = TokenInfo(h, TokenPrimaryGroup);
-    ATL::CSid group;
     ASSERT_TRUE(token.GetPrimaryGroup(&group));
-    EXPECT_TRUE(EqualSid(reinterpret_cast<TOKEN_PRIMARY_GROUP*>(groupInfo.data())->PrimaryGroup,
-                         const_cast<SID*>(group.GetPSID())));
+    const std::pair<TOKEN_INFORMATION_CLASS, const ATL::CSid*> sids[] = {
+        {TokenUser, &user}, {TokenOwner, &owner}, {TokenPrimaryGroup, &group}};
+    for (const auto& [infoClass, sid] : sids)
+    {
+        auto info = TokenInfo(h, infoClass);
+        ASSERT_GE(info.size(), sizeof(PSID)) << infoClass;
+        PSID expected = *reinterpret_cast<PSID*>(info.data());
+        EXPECT_TRUE(EqualSid(expected, P(*sid))) << infoClass;
+        EXPECT_EQ(std::wstring(sid->Sid()), StringSid(expected)) << infoClass;
+    }
 
     DWORD session = 0xFFFFFFFF;
     ASSERT_TRUE(token.GetTerminalServicesSessionId(&session));
@@ -225,8 +224,7 @@ TEST(CAccessToken, ProcessTokenAgreesWithGetTokenInformation)
     EXPECT_TRUE(token.GetTokenId(&id));
     EXPECT_TRUE(token.GetLogonSessionId(&logon));
 
-    // Membership on a primary token works on an impersonation copy, which
-    // needs TOKEN_DUPLICATE.
+    // Membership on a primary token needs an impersonation copy, hence TOKEN_DUPLICATE.
     bool member = false;
     ATL::CAccessToken dup;
     ASSERT_TRUE(dup.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE));
@@ -263,15 +261,15 @@ TEST(CAccessToken, DuplicatesHaveRequestedTypeAndLevel)
     ATL::CAccessToken token;
     ASSERT_TRUE(token.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE));
 
+    ATL::CSid user;
+    ASSERT_TRUE(token.GetUser(&user));
     ATL::CAccessToken primary;
     ASSERT_TRUE(token.CreatePrimaryToken(&primary, TOKEN_QUERY)) << GetLastError();
     TOKEN_TYPE type = TokenImpersonation;
     ASSERT_TRUE(primary.GetType(&type));
     EXPECT_EQ(type, TokenPrimary);
 
-    const SECURITY_IMPERSONATION_LEVEL levels[] = {SecurityIdentification, SecurityImpersonation,
-                                                   SecurityDelegation};
-    for (SECURITY_IMPERSONATION_LEVEL level : levels)
+    for (auto level : {SecurityIdentification, SecurityImpersonation, SecurityDelegation})
     {
         ATL::CAccessToken impersonation;
         ASSERT_TRUE(token.CreateImpersonationToken(&impersonation, level)) << GetLastError();
@@ -280,10 +278,9 @@ TEST(CAccessToken, DuplicatesHaveRequestedTypeAndLevel)
         SECURITY_IMPERSONATION_LEVEL got = SecurityAnonymous;
         ASSERT_TRUE(impersonation.GetImpersonationLevel(&got));
         EXPECT_EQ(got, level);
-        ATL::CSid a, b;
-        ASSERT_TRUE(impersonation.GetUser(&a));
-        ASSERT_TRUE(token.GetUser(&b));
-        EXPECT_EQ(a, b);
+        ATL::CSid copied;
+        ASSERT_TRUE(impersonation.GetUser(&copied));
+        EXPECT_EQ(copied, user);
     }
 
     // A token opened without TOKEN_DUPLICATE cannot be copied.
@@ -310,31 +307,29 @@ TEST(CAccessToken, ImpersonateAndRevertOnCurrentThread)
 
     ATL::CAccessToken process;
     ASSERT_TRUE(process.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE));
-    ASSERT_TRUE(process.Impersonate()) << GetLastError();
-    EXPECT_TRUE(ThreadHasToken());
-    ASSERT_TRUE(thread.GetThreadToken(TOKEN_QUERY)) << GetLastError();
-    ASSERT_TRUE(thread.GetType(&type));
-    EXPECT_EQ(type, TokenImpersonation);
-    ATL::CSid threadUser, processUser;
-    ASSERT_TRUE(thread.GetUser(&threadUser));
+    ATL::CSid processUser;
     ASSERT_TRUE(process.GetUser(&processUser));
-    EXPECT_EQ(threadUser, processUser);
-    ASSERT_TRUE(effective.GetEffectiveToken(TOKEN_QUERY));
-    ASSERT_TRUE(effective.GetType(&type));
-    EXPECT_EQ(type, TokenImpersonation);
-
-    ASSERT_TRUE(process.Revert());
-    EXPECT_FALSE(ThreadHasToken());
-
-    // An explicit thread handle works the same way.
+    // The current thread by default, then through an explicit handle to it.
     HANDLE self = nullptr;
     ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &self, 0, FALSE,
                                 DUPLICATE_SAME_ACCESS));
     ATL::CHandle selfGuard(self);
-    ASSERT_TRUE(process.Impersonate(self)) << GetLastError();
-    EXPECT_TRUE(ThreadHasToken());
-    ASSERT_TRUE(process.Revert(self));
-    EXPECT_FALSE(ThreadHasToken());
+    for (HANDLE target : {HANDLE(nullptr), self})
+    {
+        ASSERT_TRUE(target ? process.Impersonate(target) : process.Impersonate()) << GetLastError();
+        EXPECT_TRUE(ThreadHasToken());
+        ASSERT_TRUE(thread.GetThreadToken(TOKEN_QUERY)) << GetLastError();
+        ASSERT_TRUE(thread.GetType(&type));
+        EXPECT_EQ(type, TokenImpersonation);
+        ATL::CSid threadUser;
+        ASSERT_TRUE(thread.GetUser(&threadUser));
+        EXPECT_EQ(threadUser, processUser);
+        ASSERT_TRUE(effective.GetEffectiveToken(TOKEN_QUERY));
+        ASSERT_TRUE(effective.GetType(&type));
+        EXPECT_EQ(type, TokenImpersonation);
+        ASSERT_TRUE(target ? process.Revert(target) : process.Revert());
+        EXPECT_FALSE(ThreadHasToken());
+    }
 
     ATL::CAccessToken none;
     EXPECT_FALSE(none.Impersonate());
@@ -345,19 +340,18 @@ TEST(CAccessToken, AttachDetachAndClearOwnTheHandle)
     HANDLE raw = nullptr;
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &raw));
     DWORD flags = 0;
+    for (bool detach : {true, false})
     {
-        ATL::CAccessToken token;
-        token.Attach(raw);
-        EXPECT_EQ(token.GetHandle(), raw);
-        EXPECT_EQ(token.Detach(), raw);
-        EXPECT_EQ(token.GetHandle(), nullptr);
+        {
+            ATL::CAccessToken token;
+            token.Attach(raw);
+            if (detach)
+            {
+                EXPECT_EQ(token.Detach(), raw);
+            }
+        }
+        EXPECT_EQ(GetHandleInformation(raw, &flags) != FALSE, detach); // closed with the object unless detached
     }
-    EXPECT_TRUE(GetHandleInformation(raw, &flags)); // detached: still open
-    {
-        ATL::CAccessToken token;
-        token.Attach(raw);
-    }
-    EXPECT_FALSE(GetHandleInformation(raw, &flags)); // closed with the object
 
     ATL::CAccessToken token;
     ASSERT_TRUE(token.GetProcessToken(TOKEN_QUERY));

@@ -1,7 +1,5 @@
-// Is a file an NT executable image: the real PE files of the prefix's
-// system32, this test program itself, crafted header files of every shape the
-// check distinguishes, and paths that cannot be read (delete-pending file,
-// folder, missing path).
+// Is a file an NT executable image: crafted headers of every shape the check
+// distinguishes, real PE files, and paths that cannot be read.
 
 #include "QXLog.h"
 #include "QXTestSupport.h"
@@ -33,6 +31,18 @@ std::string Image(size_t size, uint32_t lfanew, int64_t peAt = -1, const char* m
     if (peAt >= 0 && static_cast<size_t>(peAt) + 4 <= size)
         std::memcpy(bytes.data() + peAt, "PE\0\0", 4);
     return bytes;
+}
+
+// What opening `path` for reading as the check does fails with (0: it opens).
+DWORD OpenErrorOf(const std::wstring& path)
+{
+    ATL::CHandle probe(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                   FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (probe != INVALID_HANDLE_VALUE)
+        return 0;
+    DWORD error = GetLastError();
+    probe.Detach();
+    return error;
 }
 
 struct CraftedCase
@@ -162,53 +172,32 @@ TEST(NTImage, MissingPaths)
 TEST(NTImage, Folder)
 {
     QXTest::TempDir dir;
-    std::wstring folder = dir.MakeDir(L"sub");
+    const std::wstring folder = dir.MakeDir(L"sub");
     // What the platform answers for opening a folder as a file decides the path taken.
-    ATL::CHandle probe(CreateFileW(folder.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                   FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD openError = probe == INVALID_HANDLE_VALUE ? GetLastError() : 0;
-    if (probe == INVALID_HANDLE_VALUE)
-        probe.Detach();
-
+    const DWORD openError = OpenErrorOf(folder);
     QXTest::LogCapture capture;
     BOOL isNTExe = FALSE;
-    DWORD result = QXCommonFunctions::TryCheckIsNTExe(folder, isNTExe);
+    const DWORD result = QXCommonFunctions::TryCheckIsNTExe(folder, isNTExe);
     EXPECT_EQ(QXCommonFunctions::IsNTExeOrAccessRestricted(folder), 0);
-    if (openError == ERROR_ACCESS_DENIED)
-    {
-        EXPECT_EQ(result, static_cast<DWORD>(ERROR_ACCESS_DENIED));
-        EXPECT_TRUE(capture.Has(4, Restricted, L"Item is Directory [" + folder + L"].\n")) << capture.Dump();
-    }
-    else if (openError != 0)
-    {
-        EXPECT_EQ(result, openError);
-        EXPECT_TRUE(capture.Has(1, Restricted,
-                                L"Failed to check item [" + folder + L"]. Error [" + std::to_wstring(openError) +
-                                    L"].\n"))
-            << capture.Dump();
-    }
-    else
+    if (openError == 0)
     {
         // Opened: reading a folder's data fails, and that error is the answer.
         EXPECT_NE(result, 0u);
         std::printf("Opening a folder as a file succeeds here; the check fails with %lu\n",
                     static_cast<unsigned long>(result));
+        return;
     }
+    EXPECT_EQ(result, openError);
+    const bool denied = openError == ERROR_ACCESS_DENIED;
+    EXPECT_TRUE(capture.Has(denied ? 4 : 1, Restricted,
+                            denied ? L"Item is Directory [" + folder + L"].\n"
+                                   : L"Failed to check item [" + folder + L"]. Error [" +
+                                         std::to_wstring(openError) + L"].\n"))
+        << capture.Dump();
 }
 
 namespace
 {
-DWORD OpenErrorOf(const std::wstring& path)
-{
-    ATL::CHandle probe(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                   FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (probe != INVALID_HANDLE_VALUE)
-        return 0;
-    DWORD error = GetLastError();
-    probe.Detach();
-    return error;
-}
-
 // Puts the file's own DACL back (so that it can be removed) when the test ends.
 struct DaclRestorer
 {
@@ -228,9 +217,9 @@ TEST(NTImage, UnreadableFileIsAccessRestricted)
     QXTest::TempDir dir;
     std::string tried;
 
-    // Way 1: a file in the delete-pending state. The handle that keeps it
-    // alive only reads, so that it does not collide with the check's sharing
-    // mode; the delete is asked for on a second handle, closed again.
+    // Way 1: a delete-pending file, kept alive by a read-only handle (which
+    // does not clash with the check's sharing mode); the delete is asked for
+    // on a second handle.
     std::wstring path = dir.Write(L"pending.exe", Image(0x200, 0x40, 0x40));
     const DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     ATL::CHandle holder(CreateFileW(path.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
