@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace QXTest
@@ -33,49 +34,26 @@ public:
     }
     ~AllocationCounter()
     {
-        for (const Slot& slot : m_patched)
-            Write(slot.entry, slot.original);
+        for (const auto& [entry, original] : m_patched)
+            Write(entry, original);
     }
     AllocationCounter(const AllocationCounter&) = delete;
     AllocationCounter& operator=(const AllocationCounter&) = delete;
 
     // True when at least malloc of both modules is hooked.
     bool Installed() const { return m_mallocPatches >= 2; }
-    void Reset() { Counter() = 0; }
-    size_t Count() const { return Counter().load(); }
+    void Reset() { s_count = 0; }
+    size_t Count() const { return s_count.load(); }
 
 private:
-    struct Slot
-    {
-        void** entry;
-        void* original;
-    };
-
-    static std::atomic<size_t>& Counter()
-    {
-        static std::atomic<size_t> counter{0};
-        return counter;
-    }
-
+    static inline std::atomic<size_t> s_count{0};
     static inline void* (*s_malloc)(size_t) = nullptr;
     static inline void* (*s_calloc)(size_t, size_t) = nullptr;
     static inline void* (*s_realloc)(void*, size_t) = nullptr;
 
-    static void* CountingMalloc(size_t size)
-    {
-        ++Counter();
-        return s_malloc(size);
-    }
-    static void* CountingCalloc(size_t count, size_t size)
-    {
-        ++Counter();
-        return s_calloc(count, size);
-    }
-    static void* CountingRealloc(void* block, size_t size)
-    {
-        ++Counter();
-        return s_realloc(block, size);
-    }
+    static void* CountingMalloc(size_t size) { ++s_count; return s_malloc(size); }
+    static void* CountingCalloc(size_t count, size_t size) { ++s_count; return s_calloc(count, size); }
+    static void* CountingRealloc(void* block, size_t size) { ++s_count; return s_realloc(block, size); }
 
     static void Write(void** entry, void* value)
     {
@@ -121,7 +99,7 @@ private:
         }
     }
 
-    std::vector<Slot> m_patched;
+    std::vector<std::pair<void**, void*>> m_patched;
     int m_mallocPatches = 0;
 };
 } // namespace QXTest

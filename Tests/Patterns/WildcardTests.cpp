@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 
@@ -16,114 +17,129 @@ using QXCommon::CFilePathPatternMatcher;
 
 namespace
 {
-struct MatchCase
-{
-    const wchar_t* path;
-    const wchar_t* pattern;
-    int flag;
-    int expected;
-};
-
-std::string Describe(const MatchCase& c)
-{
-    return QXTest::Narrow(std::wstring(L"path=[") + c.path + L"] pattern=[" + c.pattern + L"] flag=" +
-                          std::to_wstring(c.flag));
-}
+using Matcher = int (*)(const std::wstring&, const std::wstring&, int);
+const Matcher rule = &CFilePathPatternMatcher::MatchAgainstPattern;
+const Matcher walk = &CFilePathPatternMatcher::MatchAgainstWildCardPattern;
+const Matcher folder = &CFilePathPatternMatcher::MatchAgainstFolder; // the flag: subfolders too
 } // namespace
 
-TEST(MatchAgainstPattern, ChoosesTheRuleKindByTheShapeOfThePattern)
+// Rule kinds chosen by the shape of the pattern, the wildcard walk with its
+// settled quirks, and folder rules.
+TEST(MatchAgainstPattern, RulesWalksAndFolders)
 {
-    const MatchCase cases[] = {
+    struct Case
+    {
+        Matcher match;
+        const wchar_t *path, *pattern;
+        int flag, expected;
+    };
+    const Case cases[] = {
         // Name rules: the file name, case ignored.
-        {L"C:\\Windows\\notepad.exe", L"NOTEPAD.EXE", 0, 1},
-        {L"C:\\Windows\\notepad.exe", L"notepad", 0, 0},
-        {L"C:/Windows/notepad.exe", L"notepad.exe", 0, 1},
-        {L"notepad.exe", L"Notepad.Exe", 0, 1},
+        {rule, L"C:\\Windows\\notepad.exe", L"NOTEPAD.EXE", 0, 1},
+        {rule, L"C:\\Windows\\notepad.exe", L"notepad", 0, 0},
+        {rule, L"C:/Windows/notepad.exe", L"notepad.exe", 0, 1},
+        {rule, L"notepad.exe", L"Notepad.Exe", 0, 1},
         // Full-path rules: the whole path, case ignored.
-        {L"C:\\Windows\\notepad.exe", L"C:\\Windows\\NOTEPAD.EXE", 0, 1},
-        {L"C:\\Windows\\notepad.exe", L"C:\\Windows", 0, 0},
-        {L"C:\\Windows\\notepad.exe", L"C:/Windows/notepad.exe", 0, 0},
+        {rule, L"C:\\Windows\\notepad.exe", L"C:\\Windows\\NOTEPAD.EXE", 0, 1},
+        {rule, L"C:\\Windows\\notepad.exe", L"C:\\Windows", 0, 0},
+        {rule, L"C:\\Windows\\notepad.exe", L"C:/Windows/notepad.exe", 0, 0},
         // Wildcards in the path.
-        {L"C:\\Windows\\notepad.exe", L"C:\\Win*\\notepad.exe", 0, 1},
-        {L"C:\\Windows\\System32\\notepad.exe", L"C:\\*\\notepad.exe", 0, 0},
-        {L"C:\\Windows\\System32\\notepad.exe", L"C:\\*\\*\\notepad.exe", 0, 1},
-        {L"C:\\Windows\\notepad.exe", L"C:\\Windows\\note?ad.EXE", 0, 1},
+        {rule, L"C:\\Windows\\notepad.exe", L"C:\\Win*\\notepad.exe", 0, 1},
+        {rule, L"C:\\Windows\\System32\\notepad.exe", L"C:\\*\\notepad.exe", 0, 0},
+        {rule, L"C:\\Windows\\System32\\notepad.exe", L"C:\\*\\*\\notepad.exe", 0, 1},
+        {rule, L"C:\\Windows\\notepad.exe", L"C:\\Windows\\note?ad.EXE", 0, 1},
         // A name-only wildcard pattern is walked against the whole path.
-        {L"C:\\Windows\\notepad.exe", L"*.exe", 0, 0},
-        {L"notepad.exe", L"*.exe", 0, 1},
-        {L"notepad.exe", L"*.EXE", 0, 1},
-    };
-    for (const MatchCase& c : cases)
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(c.path, c.pattern, c.flag), c.expected) << Describe(c);
-}
-
-TEST(MatchAgainstWildCardPattern, WalksAsSettledQuirksIncluded)
-{
-    const MatchCase cases[] = {
-        // A trailing star matches the empty rest; a run of stars is one star.
-        {L"C:\\Temp\\", L"C:\\Temp\\*", 0, 1},
-        {L"C:\\Temp\\a.txt", L"C:\\Temp\\*", 0, 1},
-        {L"C:\\Temp\\a.txt", L"C:\\Temp\\***", 0, 1},
-        {L"C:\\Temp\\a\\b.txt", L"C:\\Temp\\*", 0, 0},
+        {rule, L"C:\\Windows\\notepad.exe", L"*.exe", 0, 0},
+        {rule, L"notepad.exe", L"*.exe", 0, 1},
+        // The walk: a trailing star matches the empty rest; a run of stars is one star.
+        {walk, L"C:\\Temp\\", L"C:\\Temp\\*", 0, 1},
+        {walk, L"C:\\Temp\\a.txt", L"C:\\Temp\\*", 0, 1},
+        {walk, L"C:\\Temp\\a.txt", L"C:\\Temp\\***", 0, 1},
+        {walk, L"C:\\Temp\\a\\b.txt", L"C:\\Temp\\*", 0, 0},
         // Only a single star may be left when the path ends.
-        {L"C:\\Temp\\", L"C:\\Temp\\**", 0, 0},
+        {walk, L"C:\\Temp\\", L"C:\\Temp\\**", 0, 0},
         // ? is one character, never a separator, never the end.
-        {L"C:\\Temp\\ab", L"C:\\Temp\\a?", 0, 1},
-        {L"C:\\Temp\\a", L"C:\\Temp\\a?", 0, 0},
-        {L"C:\\Temp\\a\\", L"C:\\Temp\\a?", 0, 0},
-        {L"C:\\Temp", L"C?\\Temp", 0, 0},
-        {L"C:\\Temp\\a/b", L"C:\\Temp\\a?b", 0, 1},
-        {L"C:\\Temp\\a/b", L"C:\\Temp\\a?b", 1, 0},
+        {walk, L"C:\\Temp\\ab", L"C:\\Temp\\a?", 0, 1},
+        {walk, L"C:\\Temp\\a", L"C:\\Temp\\a?", 0, 0},
+        {walk, L"C:\\Temp\\a\\", L"C:\\Temp\\a?", 0, 0},
+        {walk, L"C:\\Temp", L"C?\\Temp", 0, 0},
+        {walk, L"C:\\Temp\\a/b", L"C:\\Temp\\a?b", 0, 1},
+        {walk, L"C:\\Temp\\a/b", L"C:\\Temp\\a?b", 1, 0},
         // A star stops at \ and : always, at / only with the flag.
-        {L"C:\\a/b\\x", L"C:\\*\\x", 0, 1},
-        {L"C:\\a/b\\x", L"C:\\*\\x", 1, 0},
-        {L"C:\\a/b\\x", L"C:\\*/*\\x", 1, 1},
-        {L"dev:file", L"*file", 0, 0},
-        {L"dev:file", L"*:file", 0, 1},
+        {walk, L"C:\\a/b\\x", L"C:\\*\\x", 0, 1},
+        {walk, L"C:\\a/b\\x", L"C:\\*\\x", 1, 0},
+        {walk, L"C:\\a/b\\x", L"C:\\*/*\\x", 1, 1},
+        {walk, L"dev:file", L"*file", 0, 0},
+        {walk, L"dev:file", L"*:file", 0, 1},
         // A failed comparison resumes where it stopped.
-        {L"aab", L"*ab", 0, 1},
-        {L"abcabd", L"*abd", 0, 1},
-        {L"ababx", L"*abx", 0, 1},
+        {walk, L"aab", L"*ab", 0, 1},
+        {walk, L"abcabd", L"*abd", 0, 1},
+        {walk, L"ababx", L"*abx", 0, 1},
         // ... and so the overlapping start inside it is not tried again.
-        {L"aaab", L"*aab", 0, 0},
+        {walk, L"aaab", L"*aab", 0, 0},
         // A star followed by ? only stops at a separator or the end.
-        {L"abc", L"a*?", 0, 0},
-        {L"abc\\d", L"a*?d", 0, 0},
+        {walk, L"abc", L"a*?", 0, 0},
+        {walk, L"abc\\d", L"a*?d", 0, 0},
         // Stars in the middle of a component.
-        {L"C:\\Program Files\\App\\app.exe", L"C:\\Prog*Files\\*\\*.exe", 0, 1},
-        {L"C:\\Program Files\\App\\app.exe", L"c:\\program*\\app\\APP.*", 0, 1},
-        {L"C:\\Program Files\\App\\app.exe", L"C:\\Program*\\App\\*.dll", 0, 0},
+        {walk, L"C:\\Program Files\\App\\app.exe", L"C:\\Prog*Files\\*\\*.exe", 0, 1},
+        {walk, L"C:\\Program Files\\App\\app.exe", L"c:\\program*\\app\\APP.*", 0, 1},
+        {walk, L"C:\\Program Files\\App\\app.exe", L"C:\\Program*\\App\\*.dll", 0, 0},
         // Separators at both ends.
-        {L"\\\\server\\share\\", L"\\\\*\\*\\", 0, 1},
-        {L"\\\\server\\share\\", L"\\\\*\\*", 0, 0},
-        {L"\\", L"*", 0, 0},
-        {L"\\", L"\\*", 0, 1},
+        {walk, L"\\\\server\\share\\", L"\\\\*\\*\\", 0, 1},
+        {walk, L"\\\\server\\share\\", L"\\\\*\\*", 0, 0},
+        {walk, L"\\", L"*", 0, 0},
+        {walk, L"\\", L"\\*", 0, 1},
         // Patterns of only stars or question marks.
-        {L"abc", L"*", 0, 1},
-        {L"abc", L"****", 0, 1},
-        {L"abc", L"???", 0, 1},
-        {L"abc", L"????", 0, 0},
-        {L"a\\c", L"???", 0, 0},
+        {walk, L"abc", L"*", 0, 1},
+        {walk, L"abc", L"???", 0, 1},
+        {walk, L"abc", L"????", 0, 0},
+        {walk, L"a\\c", L"???", 0, 0},
         // Case never matters.
-        {L"C:\\WINDOWS\\SYSTEM32\\CMD.EXE", L"c:\\windows\\system32\\c?d.*", 0, 1},
-        {L"c:\\\u00E9t\u00E9\\x", L"C:\\\u00C9T\u00C9\\X", 0, 1},
+        {walk, L"C:\\WINDOWS\\SYSTEM32\\CMD.EXE", L"c:\\windows\\system32\\c?d.*", 0, 1},
+        {walk, L"c:\\\u00E9t\u00E9\\x", L"C:\\\u00C9T\u00C9\\X", 0, 1},
+        // Folder rules: the folder itself, and with the flag everything below it.
+        {folder, L"C:\\Temp\\a.exe", L"C:\\Temp", 1, 1},
+        {folder, L"C:\\TEMP\\x\\a.exe", L"c:\\temp\\", 1, 1},
+        // The length check comes before the trailing separators are made one.
+        {folder, L"C:\\Temp\\", L"C:\\Temp\\\\", 1, 0},
+        {folder, L"C:\\Temp\\x", L"C:\\Temp\\\\", 1, 1},
+        {folder, L"C:\\Temporary\\a.exe", L"C:\\Temp", 1, 0},
+        {folder, L"C:\\Temp", L"C:\\Temp", 1, 0},
+        {folder, L"C:\\Temp\\a.exe", L"C:\\Temp", 0, 0},
+        {folder, L"C:\\Temp\\", L"C:\\temp", 0, 1},
+        {folder, L"C:\\Temp\\", L"C:\\temp/", 0, 1},
+        // Wildcard folders.
+        {folder, L"C:\\Users\\bob\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 1, 1},
+        {folder, L"C:\\Users\\bob\\AppData\\", L"C:\\Users\\*\\AppData", 0, 1},
+        {folder, L"C:\\Users\\bob\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 0, 0},
+        {folder, L"C:\\Users\\bob\\Desktop\\x.exe", L"C:\\Users\\*\\AppData", 1, 0},
+        {folder, L"C:/Users/bob/AppData/Local/x.exe", L"C:\\Users\\b?b\\AppData\\", 1, 1},
+        {folder, L"C:\\Users\\a\\b\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 1, 0},
     };
-    for (const MatchCase& c : cases)
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(c.path, c.pattern, c.flag), c.expected)
-            << Describe(c);
+    for (const Case& c : cases)
+        EXPECT_EQ(c.match(c.path, c.pattern, c.flag), c.expected)
+            << QXTest::Narrow(std::wstring(L"path=[") + c.path + L"] pattern=[" + c.pattern + L"] flag=")
+            << c.flag << (c.match == rule ? " rule" : c.match == walk ? " walk" : " folder");
 }
 
-TEST(MatchAgainstWildCardPattern, EmptyParametersAreLoggedAndDoNotMatch)
+TEST(MatchAgainstPattern, EmptyParametersAreLoggedAndDoNotMatch)
 {
     QXTest::LogCapture capture;
-    const std::wstring text = L"One of the parameters was empty. Return no match.\n";
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(L"", L"*", 0), 0);
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", text))
-        << capture.Dump();
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(L"C:\\x", L"", 0), 0);
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", text)) << capture.Dump();
+    const std::string prefix = "QXCommon::CFilePathPatternMatcher::";
+    EXPECT_EQ(walk(L"", L"*", 0), 0);
+    EXPECT_EQ(rule(L"C:\\x", L"", 0), 0);
     EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstJustFileName(L"", L"x"), 0);
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", text))
+    for (const char* function : {"MatchAgainstWildCardPattern", "MatchAgainstPattern", "MatchAgainstJustFileName"})
+    {
+        EXPECT_TRUE(capture.Has(4, prefix + function, L"One of the parameters was empty. Return no match.\n"))
+            << function << "\n" << capture.Dump();
+    }
+    // A folder without a separator counts as invalid.
+    capture.Clear();
+    EXPECT_EQ(folder(L"C:\\Temp\\a", L"Temp", 1), 0);
+    EXPECT_EQ(folder(L"", L"C:\\Temp", 1), 0);
+    EXPECT_TRUE(capture.Has(4, prefix + "MatchAgainstFolder",
+                            L"One of the parameters was empty or invalid. Return no match.\n"))
         << capture.Dump();
 }
 
@@ -132,14 +148,14 @@ TEST(MatchAgainstWildCardPattern, LongInputsUpTo64KGoThroughTheHeapBuffers)
     for (size_t length : {1022u, 1023u, 1024u, 4000u, 65535u})
     {
         std::wstring path = L"C:\\" + std::wstring(length, L'a') + L"\\b.exe";
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, L"c:\\*\\*.EXE", 0), 1) << length;
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, path, 0), 1) << length;
+        EXPECT_EQ(walk(path, L"c:\\*\\*.EXE", 0), 1) << length;
+        EXPECT_EQ(walk(path, path, 0), 1) << length;
         std::wstring longPattern = L"C:\\" + std::wstring(length, L'?') + L"\\b.exe";
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, longPattern, 0), 1) << length;
+        EXPECT_EQ(walk(path, longPattern, 0), 1) << length;
         longPattern.back() = L'X';
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, longPattern, 0), 0) << length;
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, std::wstring(length, L'*'), 0), 0);
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, std::wstring(length, L'\\'), 0), 0);
+        EXPECT_EQ(walk(path, longPattern, 0), 0) << length;
+        EXPECT_EQ(walk(path, std::wstring(length, L'*'), 0), 0);
+        EXPECT_EQ(rule(path, std::wstring(length, L'\\'), 0), 0);
     }
 }
 
@@ -156,48 +172,6 @@ TEST(ContainsHelpers, ReportWildcardsSeparatorsAndTildes)
     EXPECT_FALSE(CFilePathPatternMatcher::ContainsTilde(L"C:\\Program Files"));
 }
 
-TEST(MatchAgainstFolder, MatchesTheFolderAndWithTheFlagEverythingBelowIt)
-{
-    struct FolderCase
-    {
-        const wchar_t* path;
-        const wchar_t* folder;
-        int subfolders;
-        int expected;
-    };
-    const FolderCase cases[] = {
-        {L"C:\\Temp\\a.exe", L"C:\\Temp", 1, 1},
-        {L"C:\\TEMP\\x\\a.exe", L"c:\\temp\\", 1, 1},
-        // The length check comes before the trailing separators are made one.
-        {L"C:\\Temp\\", L"C:\\Temp\\\\", 1, 0},
-        {L"C:\\Temp\\x", L"C:\\Temp\\\\", 1, 1},
-        {L"C:\\Temporary\\a.exe", L"C:\\Temp", 1, 0},
-        {L"C:\\Temp", L"C:\\Temp", 1, 0},
-        {L"C:\\Temp\\a.exe", L"C:\\Temp", 0, 0},
-        {L"C:\\Temp\\", L"C:\\temp", 0, 1},
-        {L"C:\\Temp\\", L"C:\\temp/", 0, 1},
-        // Wildcard folders.
-        {L"C:\\Users\\bob\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 1, 1},
-        {L"C:\\Users\\bob\\AppData\\", L"C:\\Users\\*\\AppData", 0, 1},
-        {L"C:\\Users\\bob\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 0, 0},
-        {L"C:\\Users\\bob\\Desktop\\x.exe", L"C:\\Users\\*\\AppData", 1, 0},
-        {L"C:/Users/bob/AppData/Local/x.exe", L"C:\\Users\\b?b\\AppData\\", 1, 1},
-        {L"C:\\Users\\a\\b\\AppData\\x.exe", L"C:\\Users\\*\\AppData", 1, 0},
-    };
-    for (const FolderCase& c : cases)
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(c.path, c.folder, c.subfolders), c.expected)
-            << QXTest::Narrow(std::wstring(c.path) + L" | " + c.folder) << " sub=" << c.subfolders;
-}
-
-TEST(MatchAgainstFolder, EmptyOrSeparatorlessFolderIsLoggedAndDoesNotMatch)
-{
-    QXTest::LogCapture capture;
-    const std::wstring text = L"One of the parameters was empty or invalid. Return no match.\n";
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(L"C:\\Temp\\a", L"Temp", 1), 0);
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(L"", L"C:\\Temp", 1), 0);
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", text)) << capture.Dump();
-}
-
 // Invariants of the walk over generated paths and patterns (fixed seed).
 TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
 {
@@ -212,8 +186,7 @@ TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
         return text;
     };
     auto upper = [](std::wstring s) {
-        for (wchar_t& c : s)
-            c = static_cast<wchar_t>(towupper(c));
+        std::transform(s.begin(), s.end(), s.begin(), [](wchar_t c) { return static_cast<wchar_t>(towupper(c)); });
         return s;
     };
     auto separators = [](const std::wstring& s, bool slash) {
@@ -237,11 +210,11 @@ TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
         int flag = static_cast<int>(pick(2));
         SCOPED_TRACE(QXTest::Narrow(L"path=[" + path + L"] pattern=[" + pattern + L"] flag=" + std::to_wstring(flag)));
 
-        int result = CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, flag);
+        int result = walk(path, pattern, flag);
         matches += result;
         // Case never matters.
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(upper(path), pattern, flag), result);
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, upper(pattern), flag), result);
+        EXPECT_EQ(walk(upper(path), pattern, flag), result);
+        EXPECT_EQ(walk(path, upper(pattern), flag), result);
         // A pattern without wildcards matches only its own text.
         if (pattern.find_first_of(L"*?") == std::wstring::npos)
         {
@@ -254,7 +227,7 @@ TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
             EXPECT_EQ(separators(path, flag != 0), separators(pattern, flag != 0));
         }
         // The heap buffers (1023 characters and more) give the same answer.
-        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(padding + path, padding + pattern, flag), result);
+        EXPECT_EQ(walk(padding + path, padding + pattern, flag), result);
     }
     EXPECT_GT(matches, 400); // the generator does produce matching pairs
 }
@@ -262,7 +235,7 @@ TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
 TEST(MatchAgainstWildCardPattern, ShortInputsAllocateNothingLongOnesDo)
 {
     // The fold table is built on first use; build it outside the count.
-    CFilePathPatternMatcher::MatchAgainstWildCardPattern(L"a", L"a", 0);
+    walk(L"a", L"a", 0);
     std::wstring shortPath = L"C:\\" + std::wstring(1000, L'a') + L"\\b.exe";
     std::wstring shortPattern = L"C:\\*\\" + std::wstring(500, L'?') + L"*";
     ASSERT_LT(shortPath.size(), 1023u);
@@ -274,13 +247,13 @@ TEST(MatchAgainstWildCardPattern, ShortInputsAllocateNothingLongOnesDo)
     QXTest::AllocationCounter counter;
     ASSERT_TRUE(counter.Installed()) << "the allocation hook could not be placed";
     counter.Reset();
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(shortPath, folderPattern, 1), 1);
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(shortPath, shortPattern, 0), 0);
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(shortPath, rulePattern, 0), 1);
+    EXPECT_EQ(walk(shortPath, folderPattern, 1), 1);
+    EXPECT_EQ(walk(shortPath, shortPattern, 0), 0);
+    EXPECT_EQ(rule(shortPath, rulePattern, 0), 1);
     EXPECT_EQ(counter.Count(), 0u);
 
     // Control: the 2,000-character path takes the heap buffer, and the hook sees it.
     counter.Reset();
-    EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(longPath, folderPattern, 1), 1);
+    EXPECT_EQ(walk(longPath, folderPattern, 1), 1);
     EXPECT_GE(counter.Count(), 1u);
 }

@@ -51,40 +51,35 @@ int Glob(const std::wstring& glob, const std::wstring& text)
 int RunCase(const std::wstring& name)
 {
     const std::wstring ab = Repeat(L"ab", 16383); // 32,766 characters
-    if (name == L"alternation-match")
-        return Search(L"(a|b)*c", ab + L"c");
-    if (name == L"alternation-nomatch")
-        return Search(L"^(a|b)*c$", ab + L"d");
-    if (name == L"exploding-short")
-        return Search(L"(.|.)*!$", std::wstring(28, L'x'));
-    if (name == L"exploding-long")
-        return Search(L"(.|.)*!$", std::wstring(32767, L'x'));
-    if (name == L"exploding-long-match")
-        return Search(L"(.|.)*!$", std::wstring(32766, L'x') + L"!");
-    if (name == L"lookahead-long")
-        return Search(L"(?=.*y)x", std::wstring(32767, L'x'));
+    const std::wstring x28(28, L'x'), x32767(32767, L'x'), a32767(32767, L'a'), a256(256, L'a');
+    const std::wstring nested = Repeat(L"(", 64) + L"a" + Repeat(L")", 64) + L"+b";
+    const struct
+    {
+        const wchar_t* name;
+        std::wstring expression, text;
+    } searches[] = {
+        {L"alternation-match", L"(a|b)*c", ab + L"c"},
+        {L"alternation-nomatch", L"^(a|b)*c$", ab + L"d"},
+        {L"exploding-short", L"(.|.)*!$", x28},
+        {L"exploding-long", L"(.|.)*!$", x32767},
+        {L"exploding-long-match", L"(.|.)*!$", std::wstring(32766, L'x') + L"!"},
+        {L"lookahead-long", L"(?=.*y)x", x32767},
+        {L"optional-chain", L"^(?:a?){500}$", a32767},
+        {L"optional-chain-match", L"^(?:a?){500}$", std::wstring(400, L'a')},
+        {L"nested-groups", nested, std::wstring(32766, L'a') + L"b"},
+        {L"long-expression", Repeat(L"a", 2048), std::wstring(3000, L'a')},
+        {L"long-expression-long-text", Repeat(L"a", 2048), std::wstring(30000, L'a')},
+        {L"backref-short", L"(\\w+)\\\\\\1", L"c:\\windows\\windows"},
+        {L"backref-long", L"(a)\\1", std::wstring(5000, L'a')},
+        {L"backref-big-program", L"^(?:a?){700}(a)\\1$", a256},
+        {L"backref-big-program-nomatch", L"^(?:a?){700}(a)\\1b$", a256},
+        {L"backref-exploding", L"^(.|.)*\\1!$", x28},
+    };
+    for (const auto& search : searches)
+        if (name == search.name)
+            return Search(search.expression, search.text);
     if (name == L"glob-long")
         return Glob(L"*a*b*c*", ab);
-    if (name == L"optional-chain")
-        return Search(L"^(?:a?){500}$", std::wstring(32767, L'a'));
-    if (name == L"optional-chain-match")
-        return Search(L"^(?:a?){500}$", std::wstring(400, L'a'));
-    if (name == L"nested-groups")
-        return Search(Repeat(L"(", 64) + L"a" + Repeat(L")", 64) + L"+b", std::wstring(32766, L'a') + L"b");
-    if (name == L"long-expression")
-        return Search(Repeat(L"a", 2048), std::wstring(3000, L'a'));
-    if (name == L"long-expression-long-text")
-        return Search(Repeat(L"a", 2048), std::wstring(30000, L'a'));
-    if (name == L"backref-short")
-        return Search(L"(\\w+)\\\\\\1", L"c:\\windows\\windows");
-    if (name == L"backref-long")
-        return Search(L"(a)\\1", std::wstring(5000, L'a'));
-    if (name == L"backref-big-program")
-        return Search(L"^(?:a?){700}(a)\\1$", std::wstring(256, L'a'));
-    if (name == L"backref-big-program-nomatch")
-        return Search(L"^(?:a?){700}(a)\\1b$", std::wstring(256, L'a'));
-    if (name == L"backref-exploding")
-        return Search(L"^(.|.)*\\1!$", std::wstring(28, L'x'));
     if (name == L"validate-huge")
     {
         int error = 0;
