@@ -1,81 +1,81 @@
 #pragma once
-// Shared by the environment suites: tables built from literal blocks, the
-// system's own environment block for a token as a lower-cased map, a helper
-// process that waits on its standard input, and a registry value that is put
-// back as it was.
+// Shared by the environment suites: blocks and tables, the system's own
+// environment for a token, a waiting child process, and a registry value that
+// is put back as it was.
 
 #include "QXCommon/EnvironmentEx.h"
 #include "QXTestSupport.h"
 
 #include <atlbase.h>
 
+#include <algorithm>
 #include <cwctype>
 #include <map>
 #include <string>
 #include <vector>
 
+// Expects the exact log line from CEnvironmentEx::<method> at the level.
+#define EXPECT_ENV_LOG(capture, level, method, text)                                                                 \
+    EXPECT_TRUE((capture).Has(level, "QXCommon::CEnvironmentEx::" method, text)) << (capture).Dump()
+
 namespace EnvTest
 {
 inline std::wstring Lower(std::wstring text)
 {
-    for (wchar_t& c : text)
-        c = static_cast<wchar_t>(towlower(c));
+    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return static_cast<wchar_t>(towlower(c)); });
     return text;
 }
 
-// "a=1", "b=2" -> "a=1\0b=2\0\0".
+// "a=1", "b=2" -> "a=1\0b=2\0" and two more terminating characters.
 inline std::vector<wchar_t> Block(const std::vector<std::wstring>& entries)
 {
     std::vector<wchar_t> block;
     for (const auto& entry : entries)
-    {
-        block.insert(block.end(), entry.begin(), entry.end());
-        block.push_back(L'\0');
-    }
-    block.push_back(L'\0');
-    block.push_back(L'\0');
+        block.insert(block.end(), entry.c_str(), entry.c_str() + entry.size() + 1);
+    block.insert(block.end(), {L'\0', L'\0'});
     return block;
 }
 
-// The environment the system builds for the token, names lower-cased.
+// The entries of a block as a map. A system block's nameless entries are
+// skipped and its names lower-cased; a table's block is taken as it is.
+inline std::map<std::wstring, std::wstring> ParseBlock(const wchar_t* block, bool systemBlock)
+{
+    std::map<std::wstring, std::wstring> result;
+    for (const wchar_t* entry = block; *entry != L'\0'; entry += wcslen(entry) + 1)
+    {
+        std::wstring text(entry);
+        size_t equals = text.find(L'=');
+        if (!systemBlock)
+            result[text.substr(0, equals)] = text.substr(equals + 1);
+        else if (equals != std::wstring::npos && equals != 0)
+            result[Lower(text.substr(0, equals))] = text.substr(equals + 1);
+    }
+    return result;
+}
+
+// The environment the system builds for the token, names lower-cased. The
+// suites do not link userenv: its two functions are looked up.
 inline std::map<std::wstring, std::wstring> SystemEnvironment(HANDLE token)
 {
-    // The suites do not link userenv: its two functions are looked up.
     using CreateFn = BOOL(WINAPI*)(void**, HANDLE, BOOL);
     using DestroyFn = BOOL(WINAPI*)(void*);
-    std::map<std::wstring, std::wstring> result;
     HMODULE userenv = LoadLibraryW(L"userenv.dll");
     if (userenv == nullptr)
-        return result;
+        return {};
     auto createBlock = reinterpret_cast<CreateFn>(reinterpret_cast<void*>(GetProcAddress(userenv, "CreateEnvironmentBlock")));
     auto destroyBlock =
         reinterpret_cast<DestroyFn>(reinterpret_cast<void*>(GetProcAddress(userenv, "DestroyEnvironmentBlock")));
     void* block = nullptr;
     if (createBlock == nullptr || destroyBlock == nullptr || !createBlock(&block, token, FALSE))
-        return result;
-    for (const wchar_t* entry = static_cast<const wchar_t*>(block); *entry != L'\0'; entry += wcslen(entry) + 1)
-    {
-        std::wstring text(entry);
-        size_t equals = text.find(L'=');
-        if (equals == std::wstring::npos || equals == 0)
-            continue;
-        result[Lower(text.substr(0, equals))] = text.substr(equals + 1);
-    }
+        return {};
+    auto result = ParseBlock(static_cast<const wchar_t*>(block), true);
     destroyBlock(block);
     return result;
 }
 
 inline std::map<std::wstring, std::wstring> TableOf(const QXCommon::CEnvironmentEx& environment)
 {
-    std::map<std::wstring, std::wstring> result;
-    std::vector<wchar_t> block = environment.GetAsEnvironmentBlock();
-    for (const wchar_t* entry = block.data(); *entry != L'\0'; entry += wcslen(entry) + 1)
-    {
-        std::wstring text(entry);
-        size_t equals = text.find(L'=');
-        result[text.substr(0, equals)] = text.substr(equals + 1);
-    }
-    return result;
+    return ParseBlock(environment.GetAsEnvironmentBlock().data(), false);
 }
 
 inline CHandle OwnToken()
@@ -92,23 +92,21 @@ public:
     WaitingChild()
     {
         SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-        HANDLE stdinRead = nullptr, stdinWrite = nullptr, stdoutRead = nullptr, stdoutWrite = nullptr;
-        if (!CreatePipe(&stdinRead, &stdinWrite, &sa, 0))
+        HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
+        if (!CreatePipe(&inRead, &inWrite, &sa, 0))
             return;
-        CHandle inRead(stdinRead);
-        m_stdinWrite.Attach(stdinWrite);
-        SetHandleInformation(stdinWrite, HANDLE_FLAG_INHERIT, 0);
-        if (!CreatePipe(&stdoutRead, &stdoutWrite, &sa, 0))
+        CHandle stdinRead(inRead);
+        m_stdinWrite.Attach(inWrite);
+        if (!CreatePipe(&outRead, &outWrite, &sa, 0))
             return;
-        CHandle outWrite(stdoutWrite);
-        CHandle outRead(stdoutRead);
-        SetHandleInformation(stdoutRead, HANDLE_FLAG_INHERIT, 0);
+        CHandle stdoutRead(outRead), stdoutWrite(outWrite);
+        SetHandleInformation(inWrite, HANDLE_FLAG_INHERIT, 0);
+        SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
         STARTUPINFOW si{};
         si.cb = sizeof si;
         si.dwFlags = STARTF_USESTDHANDLES;
         si.hStdInput = inRead;
-        si.hStdOutput = outWrite;
-        si.hStdError = outWrite;
+        si.hStdOutput = si.hStdError = outWrite;
         std::wstring commandLine = L"\"" + QXTest::HelperPath(L"qxenv_child.exe") + L"\"";
         PROCESS_INFORMATION pi{};
         if (!CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
@@ -116,11 +114,11 @@ public:
         m_process.Attach(pi.hProcess);
         CloseHandle(pi.hThread);
         m_pid = pi.dwProcessId;
-        outWrite.Close();
+        stdoutWrite.Close();
         // Wait for "ready": by then the child runs and waits on its input.
         char buffer[64] = {};
         DWORD read = 0;
-        m_ready = ReadFile(outRead, buffer, sizeof buffer - 1, &read, nullptr) && strncmp(buffer, "ready", 5) == 0;
+        m_ready = ReadFile(stdoutRead, buffer, sizeof buffer - 1, &read, nullptr) && strncmp(buffer, "ready", 5) == 0;
     }
     ~WaitingChild()
     {
@@ -135,8 +133,7 @@ public:
     DWORD Pid() const { return m_pid; }
 
 private:
-    CHandle m_stdinWrite;
-    CHandle m_process;
+    CHandle m_stdinWrite, m_process;
     DWORD m_pid = 0;
     bool m_ready = false;
 };
@@ -176,8 +173,9 @@ public:
     SavedRegValue(const SavedRegValue&) = delete;
     SavedRegValue& operator=(const SavedRegValue&) = delete;
 
-    // Writes the value (creating the key); type 0 removes the value.
-    bool Set(DWORD type, const void* data, DWORD bytes) const
+    // Writes the value as REG_DWORD, REG_QWORD or (always "1") REG_SZ,
+    // creating the key; type 0 removes the value.
+    bool Set(DWORD type, DWORD value = 0) const
     {
         CRegKey key;
         if (key.Create(m_root, m_subKey.c_str()) != ERROR_SUCCESS)
@@ -187,15 +185,18 @@ public:
             LONG error = RegDeleteValueW(key, m_name.c_str());
             return error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND;
         }
+        ULONGLONG wide = value;
+        const void* data = type == REG_QWORD ? static_cast<const void*>(&wide)
+                           : type == REG_SZ  ? static_cast<const void*>(L"1")
+                                             : &value;
+        DWORD bytes = type == REG_QWORD ? sizeof wide : 4;
         return RegSetValueExW(key, m_name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes) == ERROR_SUCCESS;
     }
 
 private:
     HKEY m_root;
-    std::wstring m_subKey;
-    std::wstring m_name;
-    bool m_keyExisted = false;
-    bool m_valueExisted = false;
+    std::wstring m_subKey, m_name;
+    bool m_keyExisted = false, m_valueExisted = false;
     DWORD m_type = 0;
     std::vector<BYTE> m_data;
 };

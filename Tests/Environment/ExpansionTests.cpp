@@ -14,31 +14,21 @@
 
 using QXCommon::CEnvironmentEx;
 
-namespace
-{
-void Fill(CEnvironmentEx& env, const std::vector<std::pair<const wchar_t*, const wchar_t*>>& vars)
-{
-    for (const auto& [name, value] : vars)
-        ASSERT_EQ(env.Add(name, value), 1) << QXTest::Narrow(name);
-}
-} // namespace
-
 TEST(EnvironmentExpand, Cases)
 {
     CEnvironmentEx env(0);
-    Fill(env, {{L"WinDir", L"C:\\Windows"},
-               {L"b", L"%a%"},
-               {L"a", L"x"},
-               {L"deep3", L"%deep2%3"},
-               {L"deep2", L"%deep1%2"},
-               {L"deep1", L"1"},
-               {L"Mixed", L"MiXeD\\Case"},
-               {L"empty", L""}});
+    const std::pair<const wchar_t*, const wchar_t*> variables[] = {
+        {L"WinDir", L"C:\\Windows"}, {L"b", L"%a%"},   {L"a", L"x"},
+        {L"deep3", L"%deep2%3"},      {L"deep2", L"%deep1%2"}, {L"deep1", L"1"},
+        {L"Mixed", L"MiXeD\\Case"},   {L"empty", L""},
+    };
+    for (const auto& [name, value] : variables)
+        ASSERT_EQ(env.Add(name, value), 1) << QXTest::Narrow(name);
     struct Case
     {
         const wchar_t* input;
         int result;
-        const wchar_t* output; // expected output (the untouched marker when result is 0)
+        const wchar_t* output; // the untouched marker when result is 0
     } cases[] = {
         {L"%WINDIR%\\x", 1, L"C:\\Windows\\x"},
         {L"%windir%\\x", 1, L"C:\\Windows\\x"},
@@ -82,9 +72,7 @@ TEST(EnvironmentExpand, ExpandVariableReplacesEveryOccurrenceOnceAndKeepsCase)
     CEnvironmentEx env;
     struct Case
     {
-        const wchar_t* subject;
-        const wchar_t* name;
-        const wchar_t* value;
+        const wchar_t *subject, *name, *value;
         int result;
         const wchar_t* expected;
     } cases[] = {
@@ -151,59 +139,48 @@ TEST(EnvironmentTable, LookupAddRemoveCopy)
 TEST(EnvironmentExpand, CacheHitsUntilResetOrSwitchedOff)
 {
     CEnvironmentEx env(1);
+    auto expands = [&env](const wchar_t* text, const wchar_t* expected) {
+        std::wstring out;
+        EXPECT_EQ(env.ExpandString(text, out), 1) << QXTest::Narrow(text);
+        EXPECT_EQ(out, expected) << QXTest::Narrow(text);
+    };
     env.Add(L"dir", L"C:\\One");
-    std::wstring out;
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\One\\a.exe");
-
-    // Add does not empty the cache: the old expansion is still served.
+    expands(L"%dir%\\a.exe", L"C:\\One\\a.exe");
+    // Add does not empty the cache: the old expansion is still served. The
+    // key is the exact text: another spelling is expanded afresh.
     env.Add(L"dir", L"C:\\Two");
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\One\\a.exe");
-    // The key is the exact text: another spelling is expanded afresh.
-    ASSERT_EQ(env.ExpandString(L"%DIR%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Two\\a.exe");
-
+    expands(L"%dir%\\a.exe", L"C:\\One\\a.exe");
+    expands(L"%DIR%\\a.exe", L"C:\\Two\\a.exe");
     {
         QXTest::LogCapture capture;
         env.Debug();
-        EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::Debug", L"Environment [dir] = [C:\\Two]\n"))
-            << capture.Dump();
-        EXPECT_TRUE(
-            capture.Has(4, "QXCommon::CEnvironmentEx::Debug", L"Accellerator [%dir%\\a.exe] = [C:\\One\\a.exe]\n"))
-            << capture.Dump();
+        EXPECT_ENV_LOG(capture, 4, "Debug", L"Environment [dir] = [C:\\Two]\n");
+        EXPECT_ENV_LOG(capture, 4, "Debug", L"Accellerator [%dir%\\a.exe] = [C:\\One\\a.exe]\n");
     }
-
     env.ResetAccellerator();
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Two\\a.exe");
+    expands(L"%dir%\\a.exe", L"C:\\Two\\a.exe");
 
-    // Switching off empties the cache and stops caching.
+    // Switching off empties the cache and stops caching; an unchanged flag keeps it.
     env.EnableAccellerator(0);
     env.Add(L"dir", L"C:\\Three");
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Three\\a.exe");
+    expands(L"%dir%\\a.exe", L"C:\\Three\\a.exe");
     env.EnableAccellerator(1);
     env.Add(L"dir", L"C:\\Four");
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Four\\a.exe");
+    expands(L"%dir%\\a.exe", L"C:\\Four\\a.exe");
     env.Add(L"dir", L"C:\\Five");
-    env.EnableAccellerator(1); // unchanged flag: the cache stays
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Four\\a.exe");
+    env.EnableAccellerator(1);
+    expands(L"%dir%\\a.exe", L"C:\\Four\\a.exe");
 
     // A failed expansion is not cached.
-    out = L"untouched";
+    std::wstring out = L"untouched";
     EXPECT_EQ(env.ExpandString(L"%later%", out), 0);
     env.Add(L"later", L"now");
-    EXPECT_EQ(env.ExpandString(L"%later%", out), 1);
-    EXPECT_EQ(out, L"now");
+    expands(L"%later%", L"now");
 
     // A reload empties the cache.
     auto block = EnvTest::Block({L"DIR=C:\\Six"});
     ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
-    ASSERT_EQ(env.ExpandString(L"%dir%\\a.exe", out), 1);
-    EXPECT_EQ(out, L"C:\\Six\\a.exe");
+    expands(L"%dir%\\a.exe", L"C:\\Six\\a.exe");
 }
 
 TEST(EnvironmentExpand, RegexExpansionMatchesTheLiteralFolder)
@@ -266,15 +243,10 @@ TEST(EnvironmentNormalise, LongestValueWins)
     {
         QXTest::LogCapture capture;
         ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
-        EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::SetupNormalisationEnvVars",
-                                L"Env Var [programfiles(x86)] -> [C:\\Program Files (x86)].\n"))
-            << capture.Dump();
+        EXPECT_ENV_LOG(capture, 4, "SetupNormalisationEnvVars",
+                       L"Env Var [programfiles(x86)] -> [C:\\Program Files (x86)].\n");
     }
-    struct Case
-    {
-        const wchar_t* input;
-        const wchar_t* expected;
-    } cases[] = {
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
         {L"C:\\Program Files (x86)\\A\\b.exe", L"%programfiles(x86)%\\a\\b.exe"},
         {L"c:\\program files\\A\\B.EXE", L"%programfiles%\\a\\b.exe"},
         {L"C:\\Windows\\System32\\cmd.exe", L"%systemroot%\\system32\\cmd.exe"},
@@ -285,26 +257,21 @@ TEST(EnvironmentNormalise, LongestValueWins)
         {L"D:\\Tools\\x.exe", L"d:\\tools\\x.exe"},
         {L"", L""},
     };
-    for (const Case& c : cases)
+    for (const auto& [input, expected] : cases)
     {
-        std::wstring path = c.input;
+        std::wstring path = input;
         env.NormalisePaths(path);
-        EXPECT_EQ(path, c.expected) << QXTest::Narrow(c.input);
+        EXPECT_EQ(path, expected) << QXTest::Narrow(input);
     }
 
     QXTest::LogCapture capture;
     std::wstring path = L"C:\\Program Files (x86)\\A\\b.exe";
     env.NormalisePaths(path);
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::NormalisePaths",
-                            L"Input Path [C:\\Program Files (x86)\\A\\b.exe].\n"))
-        << capture.Dump();
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::NormalisePaths",
-                            L"Try Replacing [c:\\program files (x86)] with [%programfiles(x86)%] in "
-                            L"[c:\\program files (x86)\\a\\b.exe].\n"))
-        << capture.Dump();
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::NormalisePaths",
-                            L"Final Path [%programfiles(x86)%\\a\\b.exe].\n"))
-        << capture.Dump();
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths", L"Input Path [C:\\Program Files (x86)\\A\\b.exe].\n");
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths",
+                   L"Try Replacing [c:\\program files (x86)] with [%programfiles(x86)%] in "
+                   L"[c:\\program files (x86)\\a\\b.exe].\n");
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths", L"Final Path [%programfiles(x86)%\\a\\b.exe].\n");
     // The longest value is tried first, the shortest last.
     std::vector<std::wstring> tries;
     for (const auto& entry : capture.Entries())
@@ -346,8 +313,7 @@ TEST(EnvironmentBlock, TableAsBlockAndBlocksWithOddEntries)
     {
         QXTest::LogCapture capture;
         EXPECT_EQ(loaded.LoadFromEnvironmentBlock(nullptr), 0);
-        EXPECT_TRUE(capture.Has(1, "QXCommon::CEnvironmentEx::LoadFromEnvironmentBlock", L"Environment block is null.\n"))
-            << capture.Dump();
+        EXPECT_ENV_LOG(capture, 1, "LoadFromEnvironmentBlock", L"Environment block is null.\n");
     }
 
     // Copies keep every entry as it was, up to the terminating empty entry.
@@ -372,9 +338,7 @@ TEST(EnvironmentFileVariables, TableAndProcessEnvironment)
 {
     struct Case
     {
-        const wchar_t* path;
-        const wchar_t* directory;
-        const wchar_t* name;
+        const wchar_t *path, *directory, *name;
     } cases[] = {
         {L"C:\\Program Files\\App\\run.exe", L"C:\\Program Files\\App", L"run.exe"},
         {L"C:\\run.exe", L"C:\\", L"run.exe"},

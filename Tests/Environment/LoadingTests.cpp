@@ -43,20 +43,6 @@ void ExpectTableMatchesSystem(const CEnvironmentEx& env, HANDLE token)
     EXPECT_EQ(table[L"username"], user);
 }
 
-// Sets (or, with type 0, removes) "PerSessionTempDir" under both keys for the
-// test's lifetime and restores them afterwards.
-struct PerSessionPolicy
-{
-    EnvTest::SavedRegValue policy{HKEY_LOCAL_MACHINE, PolicyKey, L"PerSessionTempDir"};
-    EnvTest::SavedRegValue server{HKEY_LOCAL_MACHINE, ServerKey, L"PerSessionTempDir"};
-
-    static bool Write(const EnvTest::SavedRegValue& where, DWORD type, DWORD value)
-    {
-        if (type == REG_SZ)
-            return where.Set(REG_SZ, L"1", 4);
-        return where.Set(type, &value, type == 0 ? 0 : sizeof value);
-    }
-};
 } // namespace
 
 TEST(EnvironmentLoad, FromOwnTokenMatchesTheSystem)
@@ -138,13 +124,12 @@ TEST(EnvironmentLoad, PerSessionTemporaryFolders)
     const std::wstring temp = LongForm(system[L"temp"]);
     const std::wstring tmp = system.count(L"tmp") ? LongForm(system[L"tmp"]) : std::wstring();
 
-    PerSessionPolicy policy;
+    // "PerSessionTempDir" under both keys, put back as it was afterwards.
+    EnvTest::SavedRegValue policy{HKEY_LOCAL_MACHINE, PolicyKey, L"PerSessionTempDir"};
+    EnvTest::SavedRegValue server{HKEY_LOCAL_MACHINE, ServerKey, L"PerSessionTempDir"};
     struct Case
     {
-        DWORD policyType;
-        DWORD policyValue;
-        DWORD serverType;
-        DWORD serverValue;
+        DWORD policyType, policyValue, serverType, serverValue;
         bool enabled;
         const wchar_t* decidingLog;
     } cases[] = {
@@ -163,14 +148,8 @@ TEST(EnvironmentLoad, PerSessionTemporaryFolders)
     };
     for (const Case& c : cases)
     {
-        if (c.policyType == REG_QWORD)
-        {
-            ULONGLONG wide = c.policyValue;
-            ASSERT_TRUE(policy.policy.Set(REG_QWORD, &wide, sizeof wide));
-        }
-        else
-            ASSERT_TRUE(PerSessionPolicy::Write(policy.policy, c.policyType, c.policyValue));
-        ASSERT_TRUE(PerSessionPolicy::Write(policy.server, c.serverType, c.serverValue));
+        ASSERT_TRUE(policy.Set(c.policyType, c.policyValue));
+        ASSERT_TRUE(server.Set(c.serverType, c.serverValue));
         for (DWORD session : {0u, 3u})
         {
             CEnvironmentEx env;
@@ -215,12 +194,9 @@ TEST(EnvironmentLoad, ShortNamesInValuesBecomeLong)
     ASSERT_EQ(env.Lookup(L"shortone", value), 1);
     EXPECT_EQ(value, std::wstring(longPath, m));
     EXPECT_EQ(EnvTest::Lower(value), EnvTest::Lower(longFolder));
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::EnsureLongFileName",
-                            L"Found environment variable path with a tilde: [" + shortForm + L"].\n"))
-        << capture.Dump();
-    EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::EnsureLongFileName",
-                            L"Converted to long [" + value + L"]\n"))
-        << capture.Dump();
+    EXPECT_ENV_LOG(capture, 4, "EnsureLongFileName",
+                   L"Found environment variable path with a tilde: [" + shortForm + L"].\n");
+    EXPECT_ENV_LOG(capture, 4, "EnsureLongFileName", L"Converted to long [" + value + L"]\n");
     // A name that does not exist stays as it was.
     ASSERT_EQ(env.Lookup(L"missing", value), 1);
     EXPECT_EQ(value, L"C:\\NOSUCH~1\\X~2");
@@ -229,26 +205,21 @@ TEST(EnvironmentLoad, ShortNamesInValuesBecomeLong)
 TEST(EnvironmentDirect, ExpandWithTheProcessEnvironment)
 {
     std::wstring out;
-    struct Case
-    {
-        const wchar_t* input;
-    } cases[] = {{L"%SystemRoot%\\x"}, {L"no references"}, {L"%QX_NO_SUCH_VAR%"}, {L"50% off"}};
-    for (const Case& c : cases)
+    for (const wchar_t* input : {L"%SystemRoot%\\x", L"no references", L"%QX_NO_SUCH_VAR%", L"50% off"})
     {
         wchar_t expected[4096];
-        ASSERT_GT(ExpandEnvironmentStringsW(c.input, expected, 4096), 0u);
+        ASSERT_GT(ExpandEnvironmentStringsW(input, expected, 4096), 0u);
         QXTest::LogCapture capture;
-        ASSERT_EQ(CEnvironmentEx::ExpandStringDirect(c.input, out), 0u);
+        ASSERT_EQ(CEnvironmentEx::ExpandStringDirect(input, out), 0u);
         EXPECT_EQ(out, expected);
-        EXPECT_TRUE(capture.Has(4, "QXCommon::CEnvironmentEx::ExpandStringDirect",
-                                L"String Expanded, length [" + std::to_wstring(out.size()) + L"].\n"))
-            << capture.Dump();
+        EXPECT_ENV_LOG(capture, 4, "ExpandStringDirect",
+                       L"String Expanded, length [" + std::to_wstring(out.size()) + L"].\n");
     }
     QXTest::LogCapture capture;
     out = L"kept";
     EXPECT_NE(CEnvironmentEx::ExpandStringDirect(L"", out), 0u);
     EXPECT_EQ(out, L"kept");
-    EXPECT_TRUE(capture.Has(1, "QXCommon::CEnvironmentEx::ExpandStringDirect", L"Input String is empty.\n"));
+    EXPECT_ENV_LOG(capture, 1, "ExpandStringDirect", L"Input String is empty.\n");
 }
 
 TEST(EnvironmentDirect, ExpandForUserGrowsItsBuffer)
@@ -279,7 +250,5 @@ TEST(EnvironmentDirect, ExpandForUserGrowsItsBuffer)
         GTEST_SKIP() << "the system expands for the user's profile environment, not the process's";
     EXPECT_EQ(error, static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER)) << QXTest::Narrow(out.substr(0, 40));
     EXPECT_EQ(out, L"kept");
-    EXPECT_TRUE(capture.Has(1, "QXCommon::CEnvironmentEx::ExpandStringDirectForUser",
-                            L"Max attempts - failed to expand.\n"))
-        << capture.Dump();
+    EXPECT_ENV_LOG(capture, 1, "ExpandStringDirectForUser", L"Max attempts - failed to expand.\n");
 }
