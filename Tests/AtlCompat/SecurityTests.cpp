@@ -10,6 +10,7 @@
 
 #include <sddl.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -374,11 +375,8 @@ TEST(CAccessToken, EnableAndDisablePrivilege)
         auto info = TokenInfo(token.GetHandle(), TokenPrivileges);
         auto* privileges = reinterpret_cast<TOKEN_PRIVILEGES*>(info.data());
         for (DWORD i = 0; privileges != nullptr && i < privileges->PrivilegeCount; ++i)
-        {
-            if (privileges->Privileges[i].Luid.LowPart == luid.LowPart &&
-                privileges->Privileges[i].Luid.HighPart == luid.HighPart)
+            if (std::memcmp(&privileges->Privileges[i].Luid, &luid, sizeof(luid)) == 0)
                 return (privileges->Privileges[i].Attributes & SE_PRIVILEGE_ENABLED) != 0;
-        }
         return false;
     };
 

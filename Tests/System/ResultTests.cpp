@@ -124,11 +124,10 @@ TEST(Guid, NewGuidsAndTheirText)
         QXCommon::CGuid guid;
         ASSERT_TRUE(guid.CreateNew());
         std::wstring text = guid.ToString();
-        ASSERT_EQ(text.size(), 38u) << QXTest::Narrow(text);
-        EXPECT_EQ(text.front(), L'{');
-        EXPECT_EQ(text.back(), L'}');
-        for (wchar_t ch : text)
-            EXPECT_FALSE(ch >= L'a' && ch <= L'z') << QXTest::Narrow(text);
+        SCOPED_TRACE(QXTest::Narrow(text));
+        ASSERT_EQ(text.size(), 38u);
+        EXPECT_TRUE(text.front() == L'{' && text.back() == L'}');
+        EXPECT_EQ(text.find_first_of(L"abcdef"), std::wstring::npos); // upper-case hex only
         EXPECT_TRUE(seen.insert(text).second);
 
         CLSID parsed = {};
