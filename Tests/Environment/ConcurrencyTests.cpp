@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <set>
 
 using QXCommon::CEnvironmentEx;
 
@@ -20,7 +19,6 @@ struct Shared
 {
     CEnvironmentEx env{1};
     std::atomic<int> bad{0};
-    std::atomic<bool> stop{false};
     std::wstring firstBad;
     std::atomic_flag badRecorded = ATOMIC_FLAG_INIT;
 
@@ -32,68 +30,62 @@ struct Shared
     }
 };
 
-DWORD WINAPI Expander(void* context)
+// Runs Step(shared, i) for every iteration on its own thread.
+template <void (*Step)(Shared&, int)>
+DWORD WINAPI Loop(void* context)
 {
-    auto& shared = *static_cast<Shared*>(context);
-    const std::set<std::wstring> expected = {L"C:\\R\\S\\A\\x", L"C:\\R\\S\\B\\x"};
     for (int i = 0; i < Iterations; ++i)
-    {
-        std::wstring out;
-        if (shared.env.ExpandString(L"%SUB%\\%flip%\\x", out) != 1 || !expected.count(out))
-            shared.Bad(L"expand: " + out);
-        out.clear();
-        const wchar_t* spelling = i % 2 ? L"%gone%" : L"%GONE%";
-        shared.env.ExpandString((spelling + std::wstring(L"|%root%")).c_str(), out);
-        // Unknown names stay as written.
-        if (out != L"G|C:\\R" && out != spelling + std::wstring(L"|C:\\R"))
-            shared.Bad(L"gone: " + out);
-        std::wstring inPlace = L"50% %root%";
-        shared.env.ExpandString(inPlace);
-        if (inPlace != L"50% C:\\R")
-            shared.Bad(L"in place: " + inPlace);
-        std::wstring rx;
-        if (shared.env.ExpandRxString(L"%root%\\\\.*", rx) != 1 || rx != L"C:\\\\R\\\\.*")
-            shared.Bad(L"rx: " + rx);
-    }
+        Step(*static_cast<Shared*>(context), i);
     return 0;
 }
 
-DWORD WINAPI Reader(void* context)
+void Expand(Shared& shared, int i)
 {
-    auto& shared = *static_cast<Shared*>(context);
-    for (int i = 0; i < Iterations; ++i)
-    {
-        std::wstring value;
-        if (shared.env.Lookup(L"%FLIP%", value) != 1 || (value != L"A" && value != L"B"))
-            shared.Bad(L"lookup: " + value);
-        std::wstring path = L"C:\\R\\App\\X.EXE";
-        shared.env.NormalisePaths(path);
-        if (path != L"%systemroot%\\app\\x.exe")
-            shared.Bad(L"normalise: " + path);
-        auto block = shared.env.GetAsEnvironmentBlock();
-        if (block.size() < 2 || block[block.size() - 1] != L'\0' || block[block.size() - 2] != L'\0')
-            shared.Bad(L"block");
-    }
-    return 0;
+    std::wstring out;
+    int expanded = shared.env.ExpandString(L"%SUB%\\%flip%\\x", out);
+    if (expanded != 1 || (out != L"C:\\R\\S\\A\\x" && out != L"C:\\R\\S\\B\\x"))
+        shared.Bad(L"expand: " + out);
+    out.clear();
+    const std::wstring spelling = i % 2 ? L"%gone%" : L"%GONE%";
+    shared.env.ExpandString((spelling + L"|%root%").c_str(), out);
+    // Unknown names stay as written.
+    if (out != L"G|C:\\R" && out != spelling + L"|C:\\R")
+        shared.Bad(L"gone: " + out);
+    std::wstring inPlace = L"50% %root%";
+    shared.env.ExpandString(inPlace);
+    if (inPlace != L"50% C:\\R")
+        shared.Bad(L"in place: " + inPlace);
+    std::wstring rx;
+    if (shared.env.ExpandRxString(L"%root%\\\\.*", rx) != 1 || rx != L"C:\\\\R\\\\.*")
+        shared.Bad(L"rx: " + rx);
 }
 
-DWORD WINAPI Writer(void* context)
+void Read(Shared& shared, int)
 {
-    auto& shared = *static_cast<Shared*>(context);
-    for (int i = 0; i < Iterations; ++i)
-    {
-        shared.env.Add(L"FLIP", i % 2 ? L"A" : L"B");
-        if (i % 3 == 0)
-            shared.env.Remove(L"gone");
-        else
-            shared.env.Add(std::wstring(L"Gone"), std::wstring(L"G"));
-        if (i % 5 == 0)
-            shared.env.ResetAccellerator();
-        if (i % 97 == 0)
-            shared.env.EnableAccellerator(i % 2);
-    }
-    shared.env.EnableAccellerator(1);
-    return 0;
+    std::wstring value;
+    if (shared.env.Lookup(L"%FLIP%", value) != 1 || (value != L"A" && value != L"B"))
+        shared.Bad(L"lookup: " + value);
+    std::wstring path = L"C:\\R\\App\\X.EXE";
+    shared.env.NormalisePaths(path);
+    if (path != L"%systemroot%\\app\\x.exe")
+        shared.Bad(L"normalise: " + path);
+    auto block = shared.env.GetAsEnvironmentBlock();
+    if (block.size() < 2 || block[block.size() - 1] != L'\0' || block[block.size() - 2] != L'\0')
+        shared.Bad(L"block");
+}
+
+void Write(Shared& shared, int i)
+{
+    shared.env.Add(L"FLIP", i % 2 ? L"A" : L"B");
+    if (i % 3 == 0)
+        shared.env.Remove(L"gone");
+    else
+        shared.env.Add(std::wstring(L"Gone"), std::wstring(L"G"));
+    if (i % 5 == 0)
+        shared.env.ResetAccellerator();
+    // The cache is switched off and on now and then, and left on at the end.
+    if (i % 97 == 0 || i == Iterations - 1)
+        shared.env.EnableAccellerator(i % 2 || i == Iterations - 1);
 }
 } // namespace
 
@@ -103,7 +95,8 @@ TEST(EnvironmentConcurrency, SharedTableStaysConsistent)
     auto block = EnvTest::Block({L"root=C:\\R", L"sub=%root%\\S", L"flip=A", L"SystemRoot=C:\\R"});
     ASSERT_EQ(shared.env.LoadFromEnvironmentBlock(block.data()), 1);
 
-    LPTHREAD_START_ROUTINE routines[] = {Expander, Expander, Expander, Reader, Reader, Writer, Writer};
+    LPTHREAD_START_ROUTINE routines[] = {Loop<Expand>, Loop<Expand>, Loop<Expand>, Loop<Read>, Loop<Read>,
+                                         Loop<Write>, Loop<Write>};
     std::vector<HANDLE> threads;
     for (auto routine : routines)
     {

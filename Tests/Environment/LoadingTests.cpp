@@ -103,17 +103,12 @@ TEST(EnvironmentLoad, BadProcessIdsAndTokens)
     capture.Clear();
     HANDLE notAToken = GetCurrentThread();
     int result = env.LoadFromTokenHandle(notAToken, 0);
-    if (capture.HasFragment(L"try with null token"))
-    {
-        EXPECT_EQ(result, 1) << capture.Dump();
-        EXPECT_TRUE(capture.HasFragment(L"LoadUserName failed [")) << capture.Dump();
-        std::wstring value;
-        EXPECT_EQ(env.Lookup(L"systemroot", value), 1);
-    }
-    else
-    {
+    if (!capture.HasFragment(L"try with null token"))
         GTEST_SKIP() << "this system builds an environment block for a handle that is not a token";
-    }
+    EXPECT_EQ(result, 1) << capture.Dump();
+    EXPECT_TRUE(capture.HasFragment(L"LoadUserName failed [")) << capture.Dump();
+    std::wstring value;
+    EXPECT_EQ(env.Lookup(L"systemroot", value), 1);
 }
 
 TEST(EnvironmentLoad, PerSessionTemporaryFolders)

@@ -21,12 +21,7 @@ using QXCommon::RegExHelpers::GlobWildcardString;
 
 TEST(RegExHelpers, EscapeAndGlobConversion)
 {
-    struct Case
-    {
-        const wchar_t* input;
-        const wchar_t* escaped;
-        const wchar_t* glob;
-    };
+    struct Case { const wchar_t* input; const wchar_t* escaped; const wchar_t* glob; };
     const Case cases[] = {
         {L"a.b*", L"a\\.b\\*", L"^a\\.b.*$"},
         {L"[x]", L"\\[x\\]", L"^\\[x\\]$"},
@@ -45,12 +40,7 @@ TEST(RegExHelpers, EscapeAndGlobConversion)
 
 TEST(GlobWildcardString, MatchesWholeTextsCaseInsensitively)
 {
-    struct Case
-    {
-        const wchar_t* glob;
-        const wchar_t* text;
-        bool expected;
-    };
+    struct Case { const wchar_t* glob; const wchar_t* text; bool expected; };
     const Case cases[] = {
         {L"exe", L"C:\\x.exe", false}, // whole text, not a search
         {L"*.exe", L"C:\\x.EXE", true},
@@ -103,13 +93,13 @@ TEST(CQXRegEx, ParseKeepsTheErrorCodeAndMatchSearches)
     auto standardError = [](const wchar_t* expression) {
         try
         {
-            std::wregex check(expression, std::regex_constants::ECMAScript | std::regex_constants::icase);
+            std::wregex(expression, std::regex_constants::ECMAScript | std::regex_constants::icase);
+            return -1;
         }
         catch (const std::regex_error& e)
         {
             return static_cast<int>(e.code());
         }
-        return -1;
     };
     const wchar_t* bad[] = {L"(abc", L"abc)", L"a)(b" /* would balance once wrapped */, L"[abc", L"*a",
                             L"a{2,1}", L"(a)\\2", L"a\\"};
@@ -196,13 +186,7 @@ TEST(CQXRegEx, OneCompiledExpressionServesManyThreads)
 
 TEST(ValidateRegularExpression, CompilesThenRejectsExpressionsThatExplodeOnTheSamples)
 {
-    struct Case
-    {
-        const wchar_t* expression;
-        unsigned int mask;
-        bool valid;
-        int error;
-    };
+    struct Case { const wchar_t* expression; unsigned int mask; bool valid; int error; };
     const Case cases[] = {
         {L"^c:\\\\windows\\\\.*\\.exe$", QX_REGEX_SAMPLE_ALL, true, 0},
         {L"", QX_REGEX_SAMPLE_ALL, true, 0},

@@ -24,12 +24,7 @@ TEST(RuleMatchers, NetworkResourceRegularExpressionAndDriverHookList)
     auto hookList = [](const wchar_t* path, const wchar_t* list) {
         return CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(path, list);
     };
-    struct Case
-    {
-        int (*match)(const wchar_t*, const wchar_t*);
-        const wchar_t *path, *pattern;
-        int expected;
-    };
+    struct Case { int (*match)(const wchar_t*, const wchar_t*); const wchar_t *path, *pattern; int expected; };
     const wchar_t* const svchost = L"C:\\Windows\\System32\\svchost.exe";
     const Case cases[] = {
         // A network resource matches itself and everything below it.
@@ -78,11 +73,7 @@ TEST(MatchAgainstDriverHookExceptionList, LogsEachCheckAndBadPaths)
 
 TEST(PathParts, SplitAndStrip)
 {
-    struct Out
-    {
-        int result;
-        const wchar_t* text;
-    };
+    struct Out { int result; const wchar_t* text; };
     struct Case
     {
         const wchar_t* path;

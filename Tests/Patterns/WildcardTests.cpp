@@ -27,12 +27,7 @@ const Matcher folder = &CFilePathPatternMatcher::MatchAgainstFolder; // the flag
 // settled quirks, and folder rules.
 TEST(MatchAgainstPattern, RulesWalksAndFolders)
 {
-    struct Case
-    {
-        Matcher match;
-        const wchar_t *path, *pattern;
-        int flag, expected;
-    };
+    struct Case { Matcher match; const wchar_t *path, *pattern; int flag, expected; };
     const Case cases[] = {
         // Name rules: the file name, case ignored.
         {rule, L"C:\\Windows\\notepad.exe", L"NOTEPAD.EXE", 0, 1},
