@@ -98,9 +98,8 @@ TEST(EnvironmentTable, LookupAddRemoveCopy)
         EXPECT_EQ(value, L"C:\\Temp");
     }
     value = L"kept";
-    EXPECT_EQ(env.Lookup(L"%", value), 0);
-    EXPECT_EQ(env.Lookup(L"", value), 0);
-    EXPECT_EQ(env.Lookup(nullptr, value), 0);
+    for (const wchar_t* name : {L"%", L"", static_cast<const wchar_t*>(nullptr)})
+        EXPECT_EQ(env.Lookup(name, value), 0);
     EXPECT_EQ(value, L"kept");
 
     // Replace keeps one entry, names are stored in lower case.
@@ -125,8 +124,8 @@ TEST(EnvironmentTable, LookupAddRemoveCopy)
 
     EXPECT_EQ(env.Remove(L"TEMP"), 1);
     EXPECT_EQ(env.Remove(std::wstring(L"temp")), 0);
-    EXPECT_EQ(env.Remove(nullptr), 0);
-    EXPECT_EQ(env.Remove(L""), 0);
+    for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L""})
+        EXPECT_EQ(env.Remove(name), 0);
     EXPECT_EQ(env.Lookup(L"temp", value), 0);
 }
 

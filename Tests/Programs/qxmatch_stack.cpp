@@ -1,10 +1,8 @@
-// Runs one regular-expression case on a thread with a 256 KiB stack, the
-// size of the small threads of hooked processes, and reports the answer in
-// its exit code: 0 match, 1 no match, 2 usage, 3 the expression was refused,
-// 5 the thread ended without an answer. A stack
-// overflow ends the process with its exception code. "std-search" runs the
-// standard library's default executor directly, as a control that the stack
-// really is small.
+// Runs one regular-expression case on a 256 KiB thread (the size of the small
+// threads of hooked processes) and exits with the answer: 0 match, 1 no match,
+// 2 usage, 3 refused, 5 no answer; a stack overflow ends the process with its
+// exception code. "std-search" runs the standard library's default executor,
+// as a control that the stack really is small.
 
 #include "QXCommon/GlobWildcardString.h"
 #include "QXCommon/QXRegEx.h"
