@@ -29,7 +29,6 @@ std::wstring EnvValue(const wchar_t* name)
 CQXDbgManager::CQXDbgManager()
     : m_fileOutput(0), m_debuggerOutput(0), m_file(INVALID_HANDLE_VALUE), m_sink(nullptr), m_sinkContext(nullptr)
 {
-    InitializeSRWLock(&m_lock);
     std::wstring file = EnvValue(L"QXDBGLOG_FILE");
     if (!file.empty())
         SetLogFile(file.c_str());
@@ -45,7 +44,7 @@ CQXDbgManager::~CQXDbgManager()
 
 bool CQXDbgManager::SetLogFile(const wchar_t* path)
 {
-    AcquireSRWLockExclusive(&m_lock);
+    CSynchronousMultiRead::CWriteLock guard(m_lock);
     if (m_file != INVALID_HANDLE_VALUE)
     {
         CloseHandle(m_file);
@@ -59,7 +58,6 @@ bool CQXDbgManager::SetLogFile(const wchar_t* path)
         ok = m_file != INVALID_HANDLE_VALUE;
     }
     InterlockedExchange(&m_fileOutput, m_file != INVALID_HANDLE_VALUE ? 1 : 0);
-    ReleaseSRWLockExclusive(&m_lock);
     return ok;
 }
 
@@ -70,13 +68,12 @@ void CQXDbgManager::SetDebuggerOutput(bool on)
 
 QXDbgLogSink CQXDbgManager::SetSink(QXDbgLogSink sink, void* context, void** previousContext)
 {
-    AcquireSRWLockExclusive(&m_lock);
+    CSynchronousMultiRead::CWriteLock guard(m_lock);
     QXDbgLogSink previous = m_sink;
     if (previousContext != nullptr)
         *previousContext = m_sinkContext;
     m_sink = sink;
     m_sinkContext = context;
-    ReleaseSRWLockExclusive(&m_lock);
     return previous;
 }
 
@@ -113,25 +110,26 @@ void CQXDbgManager::WriteLine(const QXDbgLogRecord& record)
     if (line.empty() || line.back() != L'\n')
         line += L'\n';
 
-    AcquireSRWLockShared(&m_lock);
-    if (m_debuggerOutput != 0)
-        OutputDebugStringW(line.c_str());
-    if (m_fileOutput != 0 && m_file != INVALID_HANDLE_VALUE)
     {
-        int bytes = WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), nullptr, 0,
-                                        nullptr, nullptr);
-        if (bytes > 0)
+        CSynchronousMultiRead::CReadLock guard(m_lock);
+        if (m_debuggerOutput != 0)
+            OutputDebugStringW(line.c_str());
+        if (m_fileOutput != 0 && m_file != INVALID_HANDLE_VALUE)
         {
-            std::string utf8(static_cast<size_t>(bytes), '\0');
-            WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), utf8.data(), bytes, nullptr,
-                                nullptr);
-            DWORD written = 0;
-            WriteFile(m_file, utf8.data(), static_cast<DWORD>(utf8.size()), &written, nullptr);
+            int bytes = WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), nullptr, 0,
+                                            nullptr, nullptr);
+            if (bytes > 0)
+            {
+                std::string utf8(static_cast<size_t>(bytes), '\0');
+                WideCharToMultiByte(CP_UTF8, 0, line.data(), static_cast<int>(line.size()), utf8.data(), bytes, nullptr,
+                                    nullptr);
+                DWORD written = 0;
+                WriteFile(m_file, utf8.data(), static_cast<DWORD>(utf8.size()), &written, nullptr);
+            }
         }
+        if (m_sink != nullptr)
+            m_sink(m_sinkContext, record);
     }
-    if (m_sink != nullptr)
-        m_sink(m_sinkContext, record);
-    ReleaseSRWLockShared(&m_lock);
 
     SetLastError(lastError);
 }

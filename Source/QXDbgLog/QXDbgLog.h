@@ -8,6 +8,8 @@
 
 #include <windows.h>
 
+#include "SynchronousMultiRead.h"
+
 #ifdef QXDBGLOG_BUILD
 #define QXDBGLOG_API __declspec(dllexport)
 #else
@@ -60,7 +62,7 @@ private:
 
     volatile LONG m_fileOutput;
     volatile LONG m_debuggerOutput;
-    SRWLOCK m_lock;
+    CSynchronousMultiRead m_lock; // guards the file handle and the sink
     HANDLE m_file;
     QXDbgLogSink m_sink;
     void* m_sinkContext;

@@ -2,6 +2,8 @@
 
 #include "QXDbgLog.h"
 
+#include <atlbase.h>
+
 #include <atomic>
 #include <stdexcept>
 
@@ -154,12 +156,12 @@ TempDir::~TempDir()
 std::wstring TempDir::Write(const std::wstring& name, const std::string& bytes) const
 {
     std::wstring path = File(name);
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
+    HANDLE opened = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (opened == INVALID_HANDLE_VALUE)
         throw std::runtime_error("CreateFileW failed for " + Narrow(path));
+    ATL::CHandle file(opened);
     DWORD written = 0;
     BOOL ok = bytes.empty() || WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-    CloseHandle(file);
     if (!ok)
         throw std::runtime_error("WriteFile failed for " + Narrow(path));
     return path;
@@ -235,10 +237,12 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
 {
     ProcessResult result;
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-    HANDLE readPipe = nullptr;
-    HANDLE writePipe = nullptr;
-    if (!CreatePipe(&readPipe, &writePipe, &sa, 0))
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!CreatePipe(&readEnd, &writeEnd, &sa, 0))
         return result;
+    ATL::CHandle readPipe(readEnd);
+    ATL::CHandle writePipe(writeEnd);
     SetHandleInformation(readPipe, HANDLE_FLAG_INHERIT, 0);
 
     STARTUPINFOW si{};
@@ -250,12 +254,12 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     PROCESS_INFORMATION pi{};
     std::wstring mutableLine = commandLine;
     BOOL created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-    CloseHandle(writePipe);
+    // Only the child may hold the write end now, so that the reader sees the end of its output.
+    writePipe.Close();
     if (!created)
-    {
-        CloseHandle(readPipe);
         return result;
-    }
+    ATL::CHandle process(pi.hProcess);
+    ATL::CHandle mainThread(pi.hThread);
     result.started = true;
 
     // Read on a second thread so that a child writing much cannot block on a full pipe.
@@ -273,23 +277,17 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
             return 0;
         }
     } reader{readPipe, {}};
-    HANDLE thread = CreateThread(nullptr, 0, &Reader::Run, &reader, 0, nullptr);
+    ATL::CHandle thread(CreateThread(nullptr, 0, &Reader::Run, &reader, 0, nullptr));
 
-    if (WaitForSingleObject(pi.hProcess, timeoutMs) == WAIT_TIMEOUT)
+    if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT)
     {
         result.timedOut = true;
-        TerminateProcess(pi.hProcess, 0xDEAD);
-        WaitForSingleObject(pi.hProcess, 5000);
+        TerminateProcess(process, 0xDEAD);
+        WaitForSingleObject(process, 5000);
     }
-    GetExitCodeProcess(pi.hProcess, &result.exitCode);
+    GetExitCodeProcess(process, &result.exitCode);
     if (thread != nullptr)
-    {
         WaitForSingleObject(thread, 10000);
-        CloseHandle(thread);
-    }
-    CloseHandle(readPipe);
-    CloseHandle(pi.hThread);
-    CloseHandle(pi.hProcess);
     result.output = std::move(reader.data);
     return result;
 }
