@@ -39,15 +39,15 @@ inline void AssignOrThrow(std::wstring& target, const wchar_t* text, size_t leng
     }
 }
 
+inline void AssignOrThrow(std::wstring& target, const wchar_t* text)
+{
+    AssignOrThrow(target, text != nullptr ? text : L"", text != nullptr ? std::wcslen(text) : 0);
+}
+
 inline SID_IDENTIFIER_AUTHORITY SidAuthority(BYTE value) noexcept
 {
     SID_IDENTIFIER_AUTHORITY authority = {{0, 0, 0, 0, 0, value}};
     return authority;
-}
-
-inline void AssignOrThrow(std::wstring& target, const wchar_t* text)
-{
-    AssignOrThrow(target, text != nullptr ? text : L"", text != nullptr ? std::wcslen(text) : 0);
 }
 } // namespace Detail
 
@@ -385,8 +385,8 @@ class CTokenPrivileges;
 class CAccessToken
 {
 public:
-    CAccessToken() noexcept : m_hToken(nullptr) {}
-    virtual ~CAccessToken() noexcept { Clear(); }
+    CAccessToken() noexcept = default;
+    virtual ~CAccessToken() noexcept = default;
     CAccessToken(const CAccessToken&) = delete;
     CAccessToken& operator=(const CAccessToken&) = delete;
 
@@ -394,24 +394,12 @@ public:
     void Attach(HANDLE hToken) noexcept
     {
         if (m_hToken != hToken)
-            Clear();
-        m_hToken = hToken;
+            m_hToken.Close();
+        m_hToken.Attach(hToken);
     }
-    HANDLE Detach() noexcept
-    {
-        HANDLE hToken = m_hToken;
-        m_hToken = nullptr;
-        return hToken;
-    }
+    HANDLE Detach() noexcept { return m_hToken.Detach(); }
     HANDLE GetHandle() const noexcept { return m_hToken; }
-    void Clear() noexcept
-    {
-        if (m_hToken != nullptr)
-        {
-            ::CloseHandle(m_hToken);
-            m_hToken = nullptr;
-        }
-    }
+    void Clear() noexcept { m_hToken.Close(); }
 
     // Opens the token of a process (nullptr: the current one).
     bool GetProcessToken(DWORD dwDesiredAccess, HANDLE hProcess = nullptr) noexcept
@@ -445,20 +433,11 @@ public:
         return GetProcessToken(dwDesiredAccess);
     }
 
-    bool GetUser(CSid* pSid) const { return GetSidInfo<TOKEN_USER>(TokenUser, pSid, &TOKEN_USER::User); }
-    bool GetOwner(CSid* pSid) const
-    {
-        if (pSid == nullptr)
-            return InvalidParameter();
-        auto info = GetInfo(TokenOwner);
-        return info && AssignSid(pSid, reinterpret_cast<TOKEN_OWNER*>(info.get())->Owner);
-    }
+    bool GetUser(CSid* pSid) const { return GetSidInfo(TokenUser, pSid, &TOKEN_USER::User); }
+    bool GetOwner(CSid* pSid) const { return GetSidInfo(TokenOwner, pSid, &TOKEN_OWNER::Owner); }
     bool GetPrimaryGroup(CSid* pSid) const
     {
-        if (pSid == nullptr)
-            return InvalidParameter();
-        auto info = GetInfo(TokenPrimaryGroup);
-        return info && AssignSid(pSid, reinterpret_cast<TOKEN_PRIMARY_GROUP*>(info.get())->PrimaryGroup);
+        return GetSidInfo(TokenPrimaryGroup, pSid, &TOKEN_PRIMARY_GROUP::PrimaryGroup);
     }
 
     bool GetType(TOKEN_TYPE* pType) const noexcept { return GetFixedInfo(TokenType, pType); }
@@ -471,21 +450,10 @@ public:
     {
         return GetFixedInfo(TokenSessionId, pdwSessionId);
     }
-    bool GetTokenId(LUID* pluid) const noexcept
-    {
-        TOKEN_STATISTICS statistics;
-        if (pluid == nullptr || !GetFixedInfo(TokenStatistics, &statistics))
-            return pluid == nullptr ? InvalidParameter() : false;
-        *pluid = statistics.TokenId;
-        return true;
-    }
+    bool GetTokenId(LUID* pluid) const noexcept { return GetStatistic(pluid, &TOKEN_STATISTICS::TokenId); }
     bool GetLogonSessionId(LUID* pluid) const noexcept
     {
-        TOKEN_STATISTICS statistics;
-        if (pluid == nullptr || !GetFixedInfo(TokenStatistics, &statistics))
-            return pluid == nullptr ? InvalidParameter() : false;
-        *pluid = statistics.AuthenticationId;
-        return true;
+        return GetStatistic(pluid, &TOKEN_STATISTICS::AuthenticationId);
     }
 
     // The logon SID (S-1-5-5-X-Y) among the token's groups; false with
@@ -633,13 +601,29 @@ private:
         return ::GetTokenInformation(m_hToken, infoClass, value, sizeof(T), &size) != FALSE;
     }
 
-    template <typename Info>
-    bool GetSidInfo(TOKEN_INFORMATION_CLASS infoClass, CSid* pSid, SID_AND_ATTRIBUTES Info::*member) const
+    bool GetStatistic(LUID* pluid, LUID TOKEN_STATISTICS::*member) const noexcept
+    {
+        if (pluid == nullptr)
+            return InvalidParameter();
+        TOKEN_STATISTICS statistics;
+        if (!GetFixedInfo(TokenStatistics, &statistics))
+            return false;
+        *pluid = statistics.*member;
+        return true;
+    }
+
+    static PSID SidOf(const SID_AND_ATTRIBUTES& value) noexcept { return value.Sid; }
+    static PSID SidOf(PSID value) noexcept { return value; }
+
+    // A SID held in variable-sized token information (TOKEN_USER::User,
+    // TOKEN_OWNER::Owner, TOKEN_PRIMARY_GROUP::PrimaryGroup).
+    template <typename Info, typename Member>
+    bool GetSidInfo(TOKEN_INFORMATION_CLASS infoClass, CSid* pSid, Member Info::*member) const
     {
         if (pSid == nullptr)
             return InvalidParameter();
         auto info = GetInfo(infoClass);
-        return info && AssignSid(pSid, (reinterpret_cast<Info*>(info.get())->*member).Sid);
+        return info && AssignSid(pSid, SidOf(reinterpret_cast<const Info*>(info.get())->*member));
     }
 
     bool AdjustPrivilege(LPCWSTR pszPrivilege, DWORD attributes, CTokenPrivileges* pPreviousState,
@@ -665,6 +649,6 @@ private:
         return true;
     }
 
-    HANDLE m_hToken;
+    CHandle m_hToken;
 };
 } // namespace ATL

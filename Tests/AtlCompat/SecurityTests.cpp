@@ -47,7 +47,7 @@ bool ThreadHasToken()
     HANDLE token = nullptr;
     if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, &token))
         return false;
-    CloseHandle(token);
+    ATL::CHandle guard(token);
     return true;
 }
 
