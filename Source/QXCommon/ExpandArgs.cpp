@@ -23,10 +23,10 @@ bool IsClosingQuote(const wchar_t* p)
 }
 
 // Only bare file names with an extension are looked up on the search path.
-bool IsSearchCandidate(const wchar_t* arg, size_t length)
+bool IsSearchCandidate(const std::wstring& arg)
 {
-    return length > 0 && length < MAX_PATH && std::wcschr(arg, L'.') != nullptr && std::wcschr(arg, L'\\') == nullptr &&
-           std::wcschr(arg, L'/') == nullptr && std::wcschr(arg, L':') == nullptr;
+    return !arg.empty() && arg.size() < MAX_PATH && arg.find(L'.') != std::wstring::npos &&
+           arg.find_first_of(L"\\/:") == std::wstring::npos;
 }
 
 bool NeedsQuotes(const std::wstring& arg)
@@ -55,9 +55,7 @@ int CExpandArgs::ConvertArgsToFullPath(const wchar_t* args, std::wstring& result
     std::vector<wchar_t*> arguments;
     ExtractArguments(buffer.data(), arguments);
 
-    std::wstring converted;
-    ExpandArguments(converted, arguments);
-    result = std::move(converted);
+    ExpandArguments(result, arguments);
     QXLOG_INFO(Function, L"After Conversion [{}]\n", result);
     return 1;
 }
@@ -112,7 +110,7 @@ void CExpandArgs::ExpandArguments(std::wstring& result, const std::vector<wchar_
         std::wstring arg(args[i]);
         QXLOG_INFO(Function, L"Tokens Identified [{}]\n", arg);
 
-        if (IsSearchCandidate(arg.c_str(), arg.size()))
+        if (IsSearchCandidate(arg))
         {
             wchar_t path[MAX_PATH + 1] = {};
             std::wmemcpy(path, arg.c_str(), arg.size());
