@@ -6,6 +6,7 @@
 #include "QXLog.h"
 
 #include <atlbase.h>
+#include <atlsecurity.h>
 #include <userenv.h>
 
 #include <algorithm>
@@ -68,6 +69,7 @@ bool ReplaceReference(std::wstring& text, std::wstring& lower, std::wstring_view
         return false;
     std::wstring out;
     std::wstring outLower;
+    std::wstring valueLower;
     bool replaced = false;
     while (found != std::wstring::npos)
     {
@@ -79,11 +81,12 @@ bool ReplaceReference(std::wstring& text, std::wstring& lower, std::wstring_view
             {
                 out.reserve(text.size() + value.size());
                 outLower.reserve(text.size() + value.size());
+                valueLower = Lower(value);
             }
             out.append(text, pos, start - pos);
             outLower.append(lower, pos, start - pos);
             out.append(value);
-            outLower.append(Lower(value));
+            outLower.append(valueLower);
             pos = start + span;
             replaced = true;
             found = lower.find(name, pos + 1);
@@ -148,14 +151,13 @@ int CEnvironmentEx::LoadFromProcess(DWORD processId)
                     GetLastError());
         return 0;
     }
-    HANDLE rawToken = nullptr;
-    if (!OpenProcessToken(process, TOKEN_READ, &rawToken))
+    CAccessToken token;
+    if (!token.GetProcessToken(TOKEN_READ, process))
     {
         QXLOG_ERROR("QXCommon::CEnvironmentEx::LoadFromProcess", L"Failed to open process token -  error {}\n",
                     GetLastError());
         return 0;
     }
-    CHandle token(rawToken);
     DWORD sessionId = 0;
     if (!ProcessIdToSessionId(processId, &sessionId))
     {
@@ -163,7 +165,7 @@ int CEnvironmentEx::LoadFromProcess(DWORD processId)
                     GetLastError());
         return 0;
     }
-    return LoadFromTokenHandle(token, sessionId);
+    return LoadFromTokenHandle(token.GetHandle(), sessionId);
 }
 
 int CEnvironmentEx::LoadFromTokenHandle(HANDLE token, DWORD sessionId)
@@ -404,9 +406,9 @@ int CEnvironmentEx::ExpandString(const wchar_t* input, std::wstring& output)
 
 void CEnvironmentEx::ExpandString(std::wstring& text)
 {
-    std::wstring expansion;
     if (text.find(L'%') == std::wstring::npos)
         return;
+    std::wstring expansion;
     // The input may hold NULs; only the text before the first one counts, as
     // for the C-string overload.
     if (ExpandString(text.c_str(), expansion) == 1)
@@ -425,6 +427,8 @@ int CEnvironmentEx::ExpandRxString(const std::wstring& input, std::wstring& outp
         candidates.insert(input.substr(open, close - open + 1));
         open = input.find(L'%', close + 1);
     }
+    // One lower-cased copy of the output, kept in step by ReplaceReference.
+    std::wstring lower = Lower(output);
     bool replaced = false;
     for (const std::wstring& candidate : candidates)
     {
@@ -436,7 +440,6 @@ int CEnvironmentEx::ExpandRxString(const std::wstring& input, std::wstring& outp
         std::wstring expanded;
         if (ExpandString(candidate.c_str(), expanded) != 1)
             continue;
-        std::wstring lower = Lower(output);
         if (ReplaceReference(output, lower, key, EscapeForRegex(expanded)))
             replaced = true;
     }
