@@ -7,7 +7,7 @@
 
 #include "QXCommon/EnvironmentEx.h"
 
-#include <atlbase.h>
+#include <atlsecurity.h>
 
 #include <cwctype>
 
@@ -30,11 +30,9 @@ const wchar_t* const RuleStrings[] = {
 
 void LoadOwnTable(QXCommon::CEnvironmentEx& env)
 {
-    HANDLE raw = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE, &raw))
-        return;
-    CHandle token(raw);
-    env.LoadFromTokenHandle(token, 0);
+    CAccessToken token;
+    if (token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE))
+        env.LoadFromTokenHandle(token.GetHandle(), 0);
 }
 
 void Lower(std::wstring& text)

@@ -6,6 +6,7 @@
 #include "QXCommon/EnvironmentEx.h"
 
 #include <atlbase.h>
+#include <atlsecurity.h>
 
 namespace qxinspect
 {
@@ -40,16 +41,15 @@ bool LoadTable(QXCommon::CEnvironmentEx& env, uint32_t pid, std::wstring& error)
         }
         return true;
     }
-    HANDLE rawToken = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE, &rawToken))
+    CAccessToken token;
+    if (!token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE))
     {
         error = L"cannot open the tool's own token, error " + std::to_wstring(GetLastError());
         return false;
     }
-    CHandle token(rawToken);
     DWORD session = 0;
     ProcessIdToSessionId(GetCurrentProcessId(), &session);
-    if (env.LoadFromTokenHandle(token, session) != 1)
+    if (env.LoadFromTokenHandle(token.GetHandle(), session) != 1)
     {
         error = L"cannot load the environment for the tool's own token (run with --log for the reason)";
         return false;
@@ -58,7 +58,7 @@ bool LoadTable(QXCommon::CEnvironmentEx& env, uint32_t pid, std::wstring& error)
 }
 
 // For --direct with --pid: the process's token, for the system's own expansion.
-bool OpenProcessTokenById(uint32_t pid, CHandle& token, std::wstring& error)
+bool OpenProcessTokenById(uint32_t pid, CAccessToken& token, std::wstring& error)
 {
     CHandle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid));
     if (process == nullptr)
@@ -66,14 +66,12 @@ bool OpenProcessTokenById(uint32_t pid, CHandle& token, std::wstring& error)
         error = L"cannot open process " + std::to_wstring(pid) + L", error " + std::to_wstring(GetLastError());
         return false;
     }
-    HANDLE rawToken = nullptr;
-    if (!OpenProcessToken(process, TOKEN_READ | TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, &rawToken))
+    if (!token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, process))
     {
         error = L"cannot open the token of process " + std::to_wstring(pid) + L", error " +
                 std::to_wstring(GetLastError());
         return false;
     }
-    token.Attach(rawToken);
     return true;
 }
 
@@ -133,11 +131,11 @@ int RunExpand(Context& context, const std::vector<std::wstring>& args)
         DWORD result = 0;
         if (pid != 0)
         {
-            CHandle token;
+            CAccessToken token;
             if (!OpenProcessTokenById(pid, token, error))
                 return Fail(ExitFailed, error);
             mode = L"system-for-user";
-            result = QXCommon::CEnvironmentEx::ExpandStringDirectForUser(token, input, output);
+            result = QXCommon::CEnvironmentEx::ExpandStringDirectForUser(token.GetHandle(), input, output);
         }
         else
         {
