@@ -53,10 +53,9 @@ std::wstring CHResult::ToString() const
         message = text;
     }
 
-    std::wstring result(24 + message.size(), L'\0');
-    int written = std::swprintf(result.data(), result.size(), L"0x%08x %ls", static_cast<unsigned>(m_hr),
-                                message.c_str());
-    result.resize(written > 0 ? static_cast<size_t>(written) : 0);
-    return result;
+    // "0x%08x %ls": the code, a space, the message.
+    wchar_t code[16] = {};
+    std::swprintf(code, 16, L"0x%08x ", static_cast<unsigned>(m_hr));
+    return code + message;
 }
 } // namespace QXCommon

@@ -15,19 +15,22 @@ using EnableRedirectionFn = BOOLEAN(WINAPI*)(BOOLEAN);
 using DisableRedirectionFn = BOOL(WINAPI*)(PVOID*);
 using RevertRedirectionFn = BOOL(WINAPI*)(PVOID);
 
-// Looks the export up in kernel32.dll; null (logged when the module itself is
-// missing) when it cannot be had. The library must load on systems that lack
-// these exports, so they are never imported directly.
+const wchar_t* const Kernel32Dll = L"kernel32.dll";
+
+// Looks the export up in the already loaded module; null (logged when the
+// module itself is missing) when it cannot be had. The library must load on
+// systems that lack these exports, so they are never imported directly.
+// IsWow64 names the module without its extension, the redirection trio with it.
 template <typename Fn>
-Fn Kernel32Export(const char* function, const char* exportName)
+Fn KernelExport(const char* function, const wchar_t* moduleName, const char* exportName)
 {
-    HMODULE kernel32 = ::GetModuleHandleW(L"kernel32.dll");
-    if (kernel32 == nullptr)
+    HMODULE module = ::GetModuleHandleW(moduleName);
+    if (module == nullptr)
     {
         QXLOG_ERROR(function, L"Failed to GetModuleHandle - error {}.\n", ::GetLastError());
         return nullptr;
     }
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(kernel32, exportName)));
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, exportName)));
 }
 
 // Bits of GetCurrentOS, by version: workstation, server.
@@ -72,14 +75,7 @@ bool Is64BitArchitecture()
 
 bool IsWow64(DWORD processId)
 {
-    HMODULE kernel32 = ::GetModuleHandleW(L"kernel32");
-    if (kernel32 == nullptr)
-    {
-        QXLOG_ERROR("QXCommonFunctions::IsWow64", L"Failed to GetModuleHandle - error {}.\n", ::GetLastError());
-        return false;
-    }
-    auto isWow64Process =
-        reinterpret_cast<IsWow64ProcessFn>(reinterpret_cast<void*>(::GetProcAddress(kernel32, "IsWow64Process")));
+    auto isWow64Process = KernelExport<IsWow64ProcessFn>("QXCommonFunctions::IsWow64", L"kernel32", "IsWow64Process");
     if (isWow64Process == nullptr)
         return false;
 
@@ -94,8 +90,8 @@ bool IsWow64(DWORD processId)
 
 BOOLEAN QXWow64EnableWow64FsRedirection(BOOLEAN enable)
 {
-    auto fn = Kernel32Export<EnableRedirectionFn>("QXCommonFunctions::QXWow64EnableWow64FsRedirection",
-                                                  "Wow64EnableWow64FsRedirection");
+    auto fn = KernelExport<EnableRedirectionFn>("QXCommonFunctions::QXWow64EnableWow64FsRedirection", Kernel32Dll,
+                                                "Wow64EnableWow64FsRedirection");
     if (fn == nullptr)
         return FALSE;
     return fn(enable);
@@ -103,8 +99,8 @@ BOOLEAN QXWow64EnableWow64FsRedirection(BOOLEAN enable)
 
 BOOL QXWow64DisableWow64FsRedirection(PVOID* oldValue)
 {
-    auto fn = Kernel32Export<DisableRedirectionFn>("QXCommonFunctions::QXWow64DisableWow64FsRedirection",
-                                                   "Wow64DisableWow64FsRedirection");
+    auto fn = KernelExport<DisableRedirectionFn>("QXCommonFunctions::QXWow64DisableWow64FsRedirection", Kernel32Dll,
+                                                 "Wow64DisableWow64FsRedirection");
     if (fn == nullptr)
         return FALSE;
     if (oldValue == nullptr)
@@ -117,8 +113,8 @@ BOOL QXWow64DisableWow64FsRedirection(PVOID* oldValue)
 
 BOOL QXWow64RevertWow64FsRedirection(PVOID oldValue)
 {
-    auto fn = Kernel32Export<RevertRedirectionFn>("QXCommonFunctions::QXWow64RevertWow64FsRedirection",
-                                                  "Wow64RevertWow64FsRedirection");
+    auto fn = KernelExport<RevertRedirectionFn>("QXCommonFunctions::QXWow64RevertWow64FsRedirection", Kernel32Dll,
+                                                "Wow64RevertWow64FsRedirection");
     if (fn == nullptr)
         return FALSE;
     return fn(oldValue);
