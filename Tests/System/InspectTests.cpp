@@ -11,15 +11,17 @@
 
 namespace
 {
-// Runs qxinspect and checks its exit code and that every fragment is in its output.
-void ExpectInspect(const std::wstring& arguments, DWORD exitCode, const std::vector<std::string>& fragments)
+// Runs qxinspect, checks its exit code and that every fragment is in its
+// output, and returns the output.
+std::string ExpectInspect(const std::wstring& arguments, DWORD exitCode, const std::vector<std::string>& fragments)
 {
     SCOPED_TRACE(QXTest::Narrow(arguments));
     auto run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" " + arguments);
-    ASSERT_TRUE(run.started);
+    EXPECT_TRUE(run.started);
     EXPECT_EQ(run.exitCode, exitCode) << run.output;
     for (const auto& fragment : fragments)
         EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
+    return run.output;
 }
 } // namespace
 
@@ -45,9 +47,8 @@ TEST(Inspect, CommandsAndExitCodes)
     for (const wchar_t* bad : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize"})
         ExpectInspect(bad, 2, {"qxinspect: "});
 
-    auto run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" guid");
-    EXPECT_EQ(run.exitCode, 0u) << run.output;
-    ASSERT_GE(run.output.size(), 38u);
-    EXPECT_EQ(run.output[0], '{');
-    EXPECT_EQ(run.output[37], '}');
+    const std::string guid = ExpectInspect(L"guid", 0, {});
+    ASSERT_GE(guid.size(), 38u);
+    EXPECT_EQ(guid[0], '{');
+    EXPECT_EQ(guid[37], '}');
 }
