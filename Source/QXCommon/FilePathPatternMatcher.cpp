@@ -184,6 +184,15 @@ std::wstring WithoutTrailingSeparators(const std::wstring& text)
     return end == std::wstring::npos ? std::wstring() : text.substr(0, end + 1);
 }
 
+// The text with every / written as \.
+std::wstring WithBackslashes(std::wstring text)
+{
+    for (wchar_t& c : text)
+        if (c == L'/')
+            c = L'\\';
+    return text;
+}
+
 std::wstring Trim(const std::wstring& text)
 {
     size_t first = text.find_first_not_of(L" \t");
@@ -216,16 +225,11 @@ int CFilePathPatternMatcher::MatchAgainstPattern(const std::wstring& path, const
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", EmptyParameters);
         return 0;
     }
-    bool wildcard = pattern.find_first_of(L"*?") != std::wstring::npos;
-    bool separator = pattern.find_first_of(L"\\/") != std::wstring::npos;
-    int result;
-    if (!separator && !wildcard)
-        result = MatchAgainstJustFileName(path, pattern);
-    else if (!wildcard)
-        result = EqualNoCase(path, pattern) ? 1 : 0;
-    else
-        result = MatchAgainstWildCardPattern(path, pattern, flag);
-    return result == 1 ? 1 : 0;
+    if (ContainsWildCard(pattern))
+        return MatchAgainstWildCardPattern(path, pattern, flag);
+    if (!ContainsPath(pattern))
+        return MatchAgainstJustFileName(path, pattern);
+    return EqualNoCase(path, pattern) ? 1 : 0;
 }
 
 int CFilePathPatternMatcher::MatchAgainstJustFileName(const std::wstring& path, const std::wstring& name)
@@ -330,7 +334,7 @@ int CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(const std::wstri
         return 0;
     }
     if (ContainsWildCard(pattern))
-        return MatchAgainstWildCardPattern(path, pattern, flag) == 1 ? 1 : 0;
+        return MatchAgainstWildCardPattern(path, pattern, flag);
     std::wstring resource = WithoutTrailingSeparators(pattern);
     if (resource.empty() || path.size() < resource.size() ||
         !EqualNoCase(path.data(), resource.data(), resource.size(), true))
@@ -364,6 +368,11 @@ int CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(const std::wstr
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", EmptyParameters);
         return 0;
     }
+    // The path is split once for all entries; a path that cannot be split
+    // leaves the name empty and fails every entry.
+    std::wstring fileName;
+    std::wstring parent;
+    GetFileNameAndParentDirectoryFromFilePath(WithBackslashes(path), fileName, parent);
     size_t start = 0;
     while (start <= list.size())
     {
@@ -376,31 +385,25 @@ int CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(const std::wstr
             continue;
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList",
                    L"Checking: [{}] [{}].\n", path, entry);
-        if (MatchesDriverHookExceptionPattern(path, entry) == 1)
+        if (MatchesDriverHookExceptionPattern(path, fileName, parent, entry) == 1)
             return 1;
     }
     return 0;
 }
 
-int CFilePathPatternMatcher::MatchesDriverHookExceptionPattern(const std::wstring& path, const std::wstring& pattern)
+int CFilePathPatternMatcher::MatchesDriverHookExceptionPattern(const std::wstring& path, const std::wstring& fileName,
+                                                               const std::wstring& parent, const std::wstring& pattern)
 {
-    std::wstring fileName;
-    std::wstring parent;
-    // Either separator may be written; both sides are compared with \.
-    std::wstring normalizedPath = path;
-    std::wstring normalizedPattern = pattern;
-    for (std::wstring* text : {&normalizedPath, &normalizedPattern})
-        for (wchar_t& c : *text)
-            if (c == L'/')
-                c = L'\\';
-    if (GetFileNameAndParentDirectoryFromFilePath(normalizedPath, fileName, parent) != 1)
+    if (fileName.empty())
     {
         QXLOG_ERROR("QXCommon::CFilePathPatternMatcher::MatchesDriverHookExceptionPattern", L"Bad path [{}]\n", path);
         return 0;
     }
+    // Either separator may be written; both sides are compared with \.
+    std::wstring normalizedPattern = WithBackslashes(pattern);
     size_t separator = LastSeparator(normalizedPattern);
     if (separator == std::wstring::npos)
-        return MatchAgainstWildCardPattern(fileName, normalizedPattern, 1) == 1 ? 1 : 0;
+        return MatchAgainstWildCardPattern(fileName, normalizedPattern, 1);
     std::wstring folderPart = WithoutTrailingSeparators(normalizedPattern.substr(0, separator));
     std::wstring namePart = normalizedPattern.substr(separator + 1);
     if (folderPart.empty() || namePart.empty())

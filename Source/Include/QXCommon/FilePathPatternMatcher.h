@@ -80,6 +80,9 @@ protected:
     virtual ~CFilePathPatternMatcher() = default;
 
 private:
-    static int MatchesDriverHookExceptionPattern(const std::wstring& path, const std::wstring& pattern);
+    // One hook-list entry against the path's split parts (separators as \);
+    // an empty fileName is a path that could not be split.
+    static int MatchesDriverHookExceptionPattern(const std::wstring& path, const std::wstring& fileName,
+                                                 const std::wstring& parent, const std::wstring& pattern);
 };
 } // namespace QXCommon
