@@ -40,12 +40,13 @@ int RunMatch(Context& context, const std::vector<std::wstring>& args)
     bool forced = parser.Value(L"--kind").has_value();
     std::wstring kind = forced ? *parser.Value(L"--kind") : AutomaticKind(pattern);
 
+    // The automatic kind is MatchAgainstPattern's own choice; a forced kind
+    // calls that rule's matcher directly.
     int result = 0;
-    if (kind == L"name")
-        result = forced ? CFilePathPatternMatcher::MatchAgainstJustFileName(path, pattern)
-                        : CFilePathPatternMatcher::MatchAgainstPattern(path, pattern, flag);
-    else if (kind == L"path" || (kind == L"wildcard" && !forced))
+    if (!forced || kind == L"path")
         result = CFilePathPatternMatcher::MatchAgainstPattern(path, pattern, flag);
+    else if (kind == L"name")
+        result = CFilePathPatternMatcher::MatchAgainstJustFileName(path, pattern);
     else if (kind == L"wildcard")
         result = CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, flag);
     else if (kind == L"folder")
