@@ -15,6 +15,7 @@
 
 #include <shlwapi.h>
 
+#include <memory>
 #include <random>
 #include <regex>
 #include <string>
@@ -31,9 +32,10 @@ void CollectFiles(const std::wstring& folder, std::vector<std::wstring>& files, 
     if (files.size() >= limit || depth > 8)
         return;
     WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE)
+    HANDLE handle = FindFirstFileW((folder + L"\\*").c_str(), &data);
+    if (handle == INVALID_HANDLE_VALUE)
         return;
+    std::unique_ptr<void, decltype(&FindClose)> find(handle, &FindClose);
     std::vector<std::wstring> subfolders;
     do
     {
@@ -44,8 +46,8 @@ void CollectFiles(const std::wstring& folder, std::vector<std::wstring>& files, 
             subfolders.push_back(folder + L"\\" + name);
         else if (files.size() < limit)
             files.push_back(folder + L"\\" + name);
-    } while (FindNextFileW(find, &data));
-    FindClose(find);
+    } while (FindNextFileW(find.get(), &data));
+    find.reset();
     for (const std::wstring& sub : subfolders)
         CollectFiles(sub, files, limit, depth + 1);
 }

@@ -10,6 +10,8 @@
 
 #include <windows.h>
 
+#include <atlbase.h>
+
 #include <cstdio>
 #include <regex>
 #include <string>
@@ -108,7 +110,8 @@ int wmain(int argc, wchar_t** argv)
     }
     Job job;
     job.name = argv[1];
-    HANDLE thread = CreateThread(nullptr, 256 * 1024, &ThreadMain, &job, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    ATL::CHandle thread(
+        CreateThread(nullptr, 256 * 1024, &ThreadMain, &job, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
     if (thread == nullptr)
     {
         std::fwprintf(stderr, L"CreateThread failed - error %lu\n", GetLastError());
@@ -118,7 +121,6 @@ int wmain(int argc, wchar_t** argv)
     WaitForSingleObject(thread, INFINITE);
     DWORD threadExit = 0;
     GetExitCodeThread(thread, &threadExit);
-    CloseHandle(thread);
     std::wprintf(L"%ls: result %d in %lu ms (thread exit 0x%08lX)\n", job.name.c_str(), job.result,
                  GetTickCount() - start, threadExit);
     std::fflush(stdout);
