@@ -19,6 +19,8 @@ function(qx_setup_wine)
         message(FATAL_ERROR "wine64 not found: run scripts/bootstrap.sh")
     endif()
     set(QX_WINEPREFIX ${CMAKE_BINARY_DIR}/wineprefix)
+    # Every program is started through qxrun.exe, which hands on its real status.
+    set(QX_RUNNER ${CMAKE_BINARY_DIR}/bin/qxrun.exe)
     configure_file(${PROJECT_SOURCE_DIR}/cmake/qx-wine.in ${CMAKE_BINARY_DIR}/qx-wine
         @ONLY FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
     set(QX_WINE ${CMAKE_BINARY_DIR}/qx-wine PARENT_SCOPE)
