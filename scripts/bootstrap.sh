@@ -3,7 +3,8 @@
 # when every package is already present it only checks and returns.
 set -eu
 
-PACKAGES="cmake ninja-build g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64 libfmt-dev googletest"
+PACKAGES="cmake ninja-build g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev wine wine64 libfmt-dev googletest
+    libz-mingw-w64-dev openssl osslsigncode"
 
 missing=""
 for p in $PACKAGES; do
