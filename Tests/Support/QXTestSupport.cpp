@@ -292,6 +292,12 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     return result;
 }
 
+uintptr_t NextHandleSlot()
+{
+    ATL::CHandle probe(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    return reinterpret_cast<uintptr_t>(static_cast<HANDLE>(probe));
+}
+
 std::string Narrow(const std::wstring& text)
 {
     if (text.empty())

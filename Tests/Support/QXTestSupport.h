@@ -7,6 +7,7 @@
 
 #include "QXDbgLog.h"
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -114,6 +115,11 @@ std::wstring ModuleDir();
 std::wstring HelperPath(const std::wstring& exeName);
 // Runs a command line, collects its output, waits (killing it on time-out).
 ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+
+// The value the system gives the next handle this process opens. Wine hands
+// out the lowest free slot and answers 0 to GetProcessHandleCount, so a leak
+// of n handles between two calls moves this value by 4·n.
+uintptr_t NextHandleSlot();
 
 std::string Narrow(const std::wstring& text); // UTF-8
 std::wstring Widen(const std::string& text);  // from UTF-8
