@@ -22,3 +22,9 @@
 #include "ExpandArgs.h"
 #include "QXEnvironmentVars.h"
 #include "QXEnvironmentVars_ProcessEnv.h"
+
+#include "ImpersonationSaver.h"
+#include "LsaUtil.h"
+#include "ProcessIDAndCreateTime.h"
+#include "QXAccessTokenMembership.h"
+#include "QxAccessToken.h"
