@@ -47,6 +47,31 @@ TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
     EXPECT_EQ(DescribeImpersonation(), QXTest::DescribeToken(ids.a));
 }
 
+// An anonymous-level token cannot be opened, as the thread or as the
+// process: nothing is captured, and a guard made then ends with the thread
+// impersonating nothing.
+TEST(ImpersonationToken, AnonymousImpersonationCannotBeCaptured)
+{
+    QXTest::RevertAtExit revert;
+    HANDLE anonymous = nullptr;
+    ATL::CHandle own = ProcessToken();
+    ASSERT_TRUE(DuplicateTokenEx(own, TOKEN_ALL_ACCESS, nullptr, SecurityAnonymous, TokenImpersonation, &anonymous));
+    ATL::CHandle owner(anonymous);
+    ASSERT_TRUE(SetThreadToken(nullptr, anonymous));
+    QXTest::LogCapture log;
+    QXCommon::CQxAccessToken token;
+    EXPECT_FALSE(token.GetCurrentTokenForImpersonation());
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CANT_OPEN_ANONYMOUS));
+    EXPECT_EQ(token.GetHandle(), nullptr);
+    const char* function = "QXCommon::CQxAccessToken::GetCurrentTokenForImpersonation";
+    EXPECT_LOG(log, 1, function, L"Error Failed to GetThreadToken Error[1347]. Trying as self...\n");
+    EXPECT_LOG(log, 1, function, L"Failed to GetThreadToken() as the current process. Error: 1347\n");
+    {
+        QXCommon::CImpersonationSaver saver;
+    }
+    EXPECT_EQ(DescribeImpersonation(), L"nothing");
+}
+
 // The owner's reports, and whether the guard then reverts.
 TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappened)
 {

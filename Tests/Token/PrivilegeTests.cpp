@@ -146,6 +146,11 @@ TEST(LsaUtil, TokenInformationAccountsAndGroups)
     EXPECT_EQ(admins->GroupCount, 1u);
     EXPECT_EQ(QXTest::SidText(admins->Groups[0].Sid), L"S-1-5-32-544");
     EXPECT_EQ(admins->Groups[0].Attributes, 7u);
+    // The SID lies inside the one block, so that one HeapFree frees all.
+    const BYTE* block = reinterpret_cast<const BYTE*>(admins);
+    const BYTE* sid = static_cast<const BYTE*>(admins->Groups[0].Sid);
+    EXPECT_TRUE(sid >= block + sizeof(TOKEN_GROUPS) &&
+                sid + GetLengthSid(admins->Groups[0].Sid) <= block + HeapSize(GetProcessHeap(), 0, admins));
     EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, admins));
 }
 

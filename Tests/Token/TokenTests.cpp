@@ -64,12 +64,24 @@ TEST(TokenAttach, FailuresAreLoggedWithTheSystemError)
     ImpersonatingThread plain(nullptr);
     QXTest::LogCapture log;
     ATL::CAccessToken token;
-    EXPECT_FALSE(F::AttachAtlAccessTokenToPrimaryTokenFromProcessId(token, 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_FALSE(F::AttachAtlAccessTokenToImpersonationTokenFromProcessId(token, 0));
-    EXPECT_FALSE(F::AttachAtlAccessTokenToTokenFromThreadId(token, 0));
-    EXPECT_FALSE(F::AttachAtlAccessTokenToTokenFromThreadId(token, plain.Id()));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN));
+    // The error survives the logging, for the caller to read.
+    struct
+    {
+        BOOL (*attach)(ATL::CAccessToken&, DWORD);
+        DWORD id;
+        DWORD error;
+    } cases[] = {
+        {&F::AttachAtlAccessTokenToPrimaryTokenFromProcessId, 0, ERROR_INVALID_PARAMETER},
+        {&F::AttachAtlAccessTokenToImpersonationTokenFromProcessId, 0, ERROR_INVALID_PARAMETER},
+        {&F::AttachAtlAccessTokenToTokenFromThreadId, 0, ERROR_INVALID_PARAMETER},
+        {&F::AttachAtlAccessTokenToTokenFromThreadId, plain.Id(), ERROR_NO_TOKEN},
+    };
+    for (const auto& c : cases)
+    {
+        SetLastError(0);
+        EXPECT_FALSE(c.attach(token, c.id));
+        EXPECT_EQ(GetLastError(), c.error) << c.id;
+    }
     EXPECT_EQ(token.GetHandle(), nullptr);
     const std::string attach(Attach);
     EXPECT_LOG(log, 1, attach + "PrimaryTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
@@ -97,8 +109,12 @@ TEST(TokenAttach, PrimaryTokenFromProcessOrThread)
 
     QXTest::LogCapture log;
     ATL::CAccessToken token;
-    EXPECT_FALSE(F::ObtainPrimaryTokenFromProcessOrThread(0, plain.Id(), token));
-    EXPECT_FALSE(F::ObtainPrimaryTokenFromProcessOrThread(self, 0, token));
+    for (const auto& [pid, tid] : {std::pair{DWORD(0), plain.Id()}, {self, DWORD(0)}})
+    {
+        SetLastError(0);
+        EXPECT_FALSE(F::ObtainPrimaryTokenFromProcessOrThread(pid, tid, token));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    }
     const char* function = "QXCommonFunctions::ObtainPrimaryTokenFromProcessOrThread";
     EXPECT_LOG(log, 1, function, L"OpenProcess(0) failed (Error 87).\n");
     EXPECT_LOG(log, 1, function, L"OpenThread(0) failed (Error 87).\n");

@@ -104,7 +104,7 @@ bool OpenSubjectToken(uint32_t pid, uint32_t tid, ATL::CAccessToken& token, std:
         source = L"process " + std::to_wstring(pid);
         return true;
     }
-    ATL::CHandle thread(OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, tid));
+    ATL::CHandle thread(OpenThread(THREAD_QUERY_INFORMATION, FALSE, tid));
     const DWORD owner = thread != nullptr ? GetProcessIdOfThread(thread) : 0;
     if (owner == 0)
     {

@@ -8,7 +8,9 @@
 // The owner reports with SetImpersonationOccurred whether its own
 // impersonation happened. A guard that is never told reverts; one told "no"
 // leaves the thread as it finds it at destruction. Impersonation belongs to
-// one thread: make, tell and destroy the guard on the same thread.
+// one thread: make, tell and destroy the guard on the same thread. An
+// anonymous-level impersonation cannot be opened, so it is not captured: a
+// guard made during one ends with the thread impersonating nothing.
 //
 //   CImpersonationSaver saver;
 //   saver.SetImpersonationOccurred(::ImpersonateNamedPipeClient(pipe));
