@@ -45,13 +45,8 @@ public:
 // Waits until the id of an ended process is free: it can no longer be opened.
 void WaitUntilGone(DWORD pid)
 {
-    for (int i = 0; i < 500; ++i)
-    {
-        ATL::CHandle stillThere(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-        if (stillThere == nullptr)
-            return;
+    for (int i = 0; i < 500 && ATL::CHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid)) != nullptr; ++i)
         Sleep(10);
-    }
 }
 
 DWORD WINAPI Nothing(void*)
@@ -93,9 +88,7 @@ TEST(ProcessIdentity, KeysOfLiveProcessesMatchTheSystemsCreationTime)
     ASSERT_TRUE(child.Ready());
     CProcessIDAndCreateTime first, second, own;
     QXTest::LogCapture log;
-    ASSERT_EQ(first.Initialise(child.Pid()), 0u);
-    ASSERT_EQ(second.Initialise(child.Pid()), 0u);
-    ASSERT_EQ(own.Initialise(), 0u);
+    ASSERT_EQ(first.Initialise(child.Pid()) + second.Initialise(child.Pid()) + own.Initialise(), 0u);
     const std::wstring key = ExpectedKey(child.Pid(), child.Process());
     EXPECT_EQ(first.GetProcessIDAndCreateTime(), key);
     EXPECT_EQ(second.GetProcessIDAndCreateTime(), key);
@@ -106,11 +99,8 @@ TEST(ProcessIdentity, KeysOfLiveProcessesMatchTheSystemsCreationTime)
     DWORD pid = 0;
     FILETIME created = {}, expected, unused;
     GetProcessTimes(child.Process(), &expected, &unused, &unused, &unused);
-    EXPECT_EQ(first.GetProcessIDAndCreateTime(keyOut), 0u);
-    EXPECT_EQ(first.GetProcessID(pid), 0u);
-    EXPECT_EQ(first.GetProcessStartTime(created), 0u);
-    EXPECT_EQ(keyOut, key);
-    EXPECT_EQ(pid, child.Pid());
+    EXPECT_EQ(first.GetProcessIDAndCreateTime(keyOut) + first.GetProcessID(pid) + first.GetProcessStartTime(created), 0u);
+    EXPECT_EQ(keyOut + L"/" + std::to_wstring(pid), key + L"/" + std::to_wstring(child.Pid()));
     EXPECT_EQ(CompareFileTime(&created, &expected), 0);
 
     // A copy carries the identity; the key stays the process's after it ends.
@@ -118,8 +108,7 @@ TEST(ProcessIdentity, KeysOfLiveProcessesMatchTheSystemsCreationTime)
     assigned = second;
     child.Finish();
     EXPECT_TRUE(copy.IsValid() && assigned.IsValid());
-    EXPECT_EQ(copy.GetProcessIDAndCreateTime(), key);
-    EXPECT_EQ(assigned.GetProcessID(), child.Pid());
+    EXPECT_EQ(copy.GetProcessIDAndCreateTime() + assigned.GetProcessIDAndCreateTime(), key + key);
     EXPECT_EQ(first.Clear(), 0u);
     EXPECT_FALSE(first.IsValid());
     EXPECT_EQ(first.GetProcessIDAndCreateTime() + std::to_wstring(first.GetProcessID()), L"0");
@@ -134,6 +123,7 @@ TEST(ProcessIdentity, IdsThatCannotBeOpened)
     const DWORD endedPid = ended.Pid();
     ended.Forget();
     WaitUntilGone(endedPid);
+    const std::string prefix(Identity);
     for (DWORD pid : {DWORD(0), DWORD(0xFFFFFFF0), endedPid})
     {
         SCOPED_TRACE(pid);
@@ -141,17 +131,14 @@ TEST(ProcessIdentity, IdsThatCannotBeOpened)
         ASSERT_EQ(identity.Initialise(GetCurrentProcessId()), 0u);
         QXTest::LogCapture log;
         EXPECT_EQ(identity.Initialise(pid), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-        EXPECT_LOG(log, 1, std::string(Identity) + "InitProcessHandle", L"Open process failed. Error [87]\n");
+        EXPECT_LOG(log, 1, prefix + "InitProcessHandle", L"Open process failed. Error [87]\n");
         EXPECT_FALSE(identity.IsValid());
-        EXPECT_EQ(identity.GetProcessIDAndCreateTime(), L"");
         std::wstring key = L"untouched";
         DWORD id = 7;
         FILETIME time = {1, 2};
-        EXPECT_EQ(identity.GetProcessIDAndCreateTime(key), 13u);
-        EXPECT_EQ(identity.GetProcessID(id), 13u);
-        EXPECT_EQ(identity.GetProcessStartTime(time), 13u);
-        EXPECT_EQ(key + std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime), L"untouched10");
-        const std::string prefix(Identity);
+        EXPECT_EQ(identity.GetProcessIDAndCreateTime(key) + identity.GetProcessID(id) + identity.GetProcessStartTime(time), 39u);
+        EXPECT_EQ(identity.GetProcessIDAndCreateTime() + key + std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime),
+                  L"untouched10");
         EXPECT_LOG(log, 1, prefix + "GetProcessIDAndCreateTime", L"Process and create time string is invalid.\n");
         EXPECT_LOG(log, 1, prefix + "GetProcessID", L"Process ID is invalid\n");
         EXPECT_LOG(log, 1, prefix + "GetProcessStartTime", L"Process start time is invalid.\n");
@@ -162,23 +149,24 @@ TEST(ProcessIdentity, LentHandleRules)
 {
     LendingIdentity identity;
     ASSERT_EQ(identity.Initialise(), 0u);
-    HANDLE process = nullptr, again = nullptr;
-    ASSERT_EQ(identity.GetProcessHandle(process), 0u);
-    ASSERT_EQ(identity.GetProcessHandle(again), 0u);
+    HANDLE process = nullptr, again = nullptr, none = nullptr;
+    ASSERT_EQ(identity.GetProcessHandle(process) + identity.GetProcessHandle(again), 0u);
     EXPECT_EQ(process, again); // held, handed out twice
-
     ATL::CHandle foreign(CreateEventW(nullptr, FALSE, FALSE, nullptr));
     HANDLE other = foreign;
     QXTest::LogCapture log;
     EXPECT_EQ(identity.ReleaseProcessHandle(other), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_LOG(log, 1, std::string(Identity) + "ReleaseProcessHandle", L"Process handle invalid\n");
-    EXPECT_EQ(GetProcessId(process), GetCurrentProcessId()); // still open
-    HANDLE none = nullptr;
-    EXPECT_EQ(identity.ReleaseProcessHandle(none), 0u); // null releases the held one
-    EXPECT_EQ(identity.ReleaseProcessHandle(other), 0u); // nothing held: nothing to refuse
-    EXPECT_EQ(identity.GetProcessHandle(again), 0u);
-    EXPECT_EQ(identity.ReleaseProcessHandle(again), 0u);
+    EXPECT_EQ(GetProcessId(process), GetCurrentProcessId()); // still held
+    EXPECT_EQ(identity.ReleaseProcessHandle(none), 0u);     // null releases the held one
+    EXPECT_EQ(identity.ReleaseProcessHandle(other), 0u);    // nothing held: nothing to refuse
+    EXPECT_EQ(identity.GetProcessHandle(again) + identity.ReleaseProcessHandle(again), 0u);
     EXPECT_EQ(again, nullptr);
+    // Clear closes a handle still held.
+    DWORD flags = 0;
+    ASSERT_EQ(identity.GetProcessHandle(process), 0u);
+    identity.Clear();
+    EXPECT_FALSE(GetHandleInformation(process, &flags));
 
     // A derived class lends a handle it already holds; a handle that is no
     // process gives GetProcessTimes' own error.
