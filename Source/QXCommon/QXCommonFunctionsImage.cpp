@@ -5,7 +5,6 @@
 #include "QXLog.h"
 
 #include <cstring>
-#include <memory>
 
 namespace QXCommonFunctions
 {
@@ -20,10 +19,6 @@ constexpr DWORD NtHeaders32Size = 0xF8;
 constexpr WORD DosSignature = 0x5A4D;  // "MZ"
 constexpr DWORD NtSignature = 0x00004550; // "PE\0\0"
 
-struct HeapDeleter
-{
-    void operator()(BYTE* p) const { ::HeapFree(::GetProcessHeap(), 0, p); }
-};
 } // namespace
 
 DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
@@ -37,6 +32,16 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"CreateFileW() error {}.\n", error);
         return error;
+    }
+
+    // Only a disk file can be an image. A device (COM1, AUX, CON), a pipe or
+    // a socket would make the reads below wait for data that may never come.
+    const DWORD fileType = ::GetFileType(file);
+    if (fileType != FILE_TYPE_DISK)
+    {
+        QXLOG_INFO(function, L"Not a disk file (type {}) so not NT exe file\n", fileType);
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
     }
 
     ::SetLastError(ERROR_SUCCESS);
@@ -86,35 +91,44 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return ERROR_SUCCESS;
     }
 
-    std::unique_ptr<BYTE, HeapDeleter> buffer(
-        static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed != 0 ? needed : 1)));
-    if (!buffer)
+    // The size check above is made on the whole prefix up to the end of the
+    // NT headers; the headers themselves are read where they are, so memory
+    // and time do not grow with e_lfanew. When the offset wrapped, the
+    // headers would start past the needed size: there is no signature to
+    // read.
+    if (needed < ntOffset)
     {
-        QXLOG_ERROR(function, L"HeapAlloc() error {}.\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
-        return ERROR_NOT_ENOUGH_MEMORY;
+        QXLOG_INFO(function, L"No NT header so not NT exe file\n");
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
     }
-    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
+    BYTE ntHeaders[NtHeaders32Size] = {};
+    LARGE_INTEGER at = {};
+    at.QuadPart = ntOffset;
+    if (!::SetFilePointerEx(file, at, nullptr, FILE_BEGIN))
+    {
+        DWORD error = ::GetLastError();
+        QXLOG_ERROR(function, L"SetFilePointerEx() error {}.\n", error);
+        return error;
+    }
     bytesRead = 0;
-    if (!::ReadFile(file, buffer.get(), needed, &bytesRead, nullptr))
+    if (!::ReadFile(file, ntHeaders, NtHeaders32Size, &bytesRead, nullptr))
     {
         DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"ReadFile() error {}.\n", error);
         return error;
     }
-    if (bytesRead < needed)
+    if (bytesRead < NtHeaders32Size)
     {
         QXLOG_ERROR(function, L"ReadFile() bytes read mismatch. dwBytesToRead {} dwBytesRead {}\n", needed,
-                    bytesRead);
+                    ntOffset + bytesRead);
         isNTExe = FALSE;
         return ERROR_SUCCESS;
     }
 
-    // When the offset wrapped the buffer ends before it: no signature to read.
     DWORD signature = 0;
-    const bool inside = static_cast<unsigned long long>(ntOffset) + sizeof(signature) <= needed;
-    if (inside)
-        std::memcpy(&signature, buffer.get() + ntOffset, sizeof(signature));
-    if (inside && signature == NtSignature)
+    std::memcpy(&signature, ntHeaders, sizeof(signature));
+    if (signature == NtSignature)
     {
         isNTExe = TRUE;
     }

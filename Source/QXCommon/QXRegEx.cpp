@@ -18,17 +18,26 @@ bool CQXRegEx::Parse(const std::wstring& expression)
     return m_regex != nullptr;
 }
 
-bool CQXRegEx::Match(const std::wstring& text) const
+int CQXRegEx::TryMatch(const std::wstring& text, bool& matched) const
 {
+    matched = false;
     if (!m_regex)
-        return false;
+        return 0;
     int error = 0;
     Detail::RunResult result = Detail::Run(*m_regex, text, error);
-    if (result == Detail::RunResult::Failed)
+    matched = result == Detail::RunResult::Match;
+    return result == Detail::RunResult::Failed ? error : 0;
+}
+
+bool CQXRegEx::Match(const std::wstring& text) const
+{
+    bool matched = false;
+    int error = TryMatch(text, matched);
+    if (error != 0)
     {
         QXLOG_ERROR("QXCommon::RegExHelpers::CQXRegEx::Match", L"Regex Match Failed, error {}", error);
         return false;
     }
-    return result == Detail::RunResult::Match;
+    return matched;
 }
 } // namespace QXCommon::RegExHelpers
