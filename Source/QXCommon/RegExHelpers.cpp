@@ -310,6 +310,9 @@ struct CompiledRegEx
     bool plainStart = false;
     bool startAccepts = false;
     std::vector<int> startMatches;
+    // For the set simulation: each node, or the first node after it that is
+    // not a plain step (group marks and joins say nothing without captures).
+    std::vector<int> forward;
     RuleTraits::char_class_type wordClass{};
 
     bool IsWord(wchar_t c) const { return automaton->_M_traits.isctype(c, wordClass); }
@@ -374,7 +377,8 @@ public:
                 const Node& node = m_re.nodes[static_cast<size_t>(id)];
                 if (!(*node.matcher)(c))
                     continue;
-                result = Closure(s, node.next, pos + 1, s.next, atEndOnly, depth);
+                result = Closure(s, node.next >= 0 ? m_re.forward[static_cast<size_t>(node.next)] : -1, pos + 1,
+                                 s.next, atEndOnly, depth);
                 if (result != NotFound)
                     return result;
             }
@@ -447,9 +451,14 @@ private:
         s.pending.push_back(id);
         while (!s.pending.empty())
         {
-            const Node& node = m_re.nodes[static_cast<size_t>(s.pending.back())];
             const int self = s.pending.back();
+            const Node& node = m_re.nodes[static_cast<size_t>(self)];
             s.pending.pop_back();
+            if (node.op == Op::Match)
+            {
+                into.push_back(self); // its matcher call is charged when it runs
+                continue;
+            }
             if (!m_budget.Spend())
                 return Spent;
             int follow = -1;
@@ -457,7 +466,6 @@ private:
             switch (node.op)
             {
             case Op::Match:
-                into.push_back(self);
                 break;
             case Op::Accept:
                 if (!atEndOnly || pos == m_length)
@@ -500,6 +508,7 @@ private:
             }
             for (int target : {other, follow})
             {
+                target = target >= 0 ? m_re.forward[static_cast<size_t>(target)] : -1;
                 if (target >= 0 && s.mark[static_cast<size_t>(target)] != s.generation)
                 {
                     s.mark[static_cast<size_t>(target)] = s.generation;
@@ -843,6 +852,20 @@ bool BuildNodes(const Automaton& automaton, CompiledRegEx& re)
     re.groups = static_cast<uint32_t>(automaton._M_sub_count());
     if (re.start < 0)
         return false;
+
+    re.forward.resize(re.nodes.size());
+    for (size_t i = 0; i < re.nodes.size(); ++i)
+    {
+        int at = static_cast<int>(i);
+        for (size_t hops = 0; at >= 0 && hops < re.nodes.size(); ++hops)
+        {
+            const Op op = re.nodes[static_cast<size_t>(at)].op;
+            if (op != Op::Next && op != Op::GroupBegin && op != Op::GroupEnd)
+                break;
+            at = re.nodes[static_cast<size_t>(at)].next;
+        }
+        re.forward[i] = at;
+    }
 
     // The start's closure, when it holds no assertion.
     std::vector<bool> seen(re.nodes.size(), false);
