@@ -27,13 +27,7 @@ bool GlobWildcardString::Parse(const std::wstring& glob)
 
 int GlobWildcardString::TryMatch(const std::wstring& text, bool& matched) const
 {
-    matched = false;
-    if (!m_regex)
-        return 0;
-    int error = 0;
-    Detail::RunResult result = Detail::Run(*m_regex, text, error);
-    matched = result == Detail::RunResult::Match;
-    return result == Detail::RunResult::Failed ? error : 0;
+    return Detail::TryMatch(m_regex, text, matched);
 }
 
 bool GlobWildcardString::Match(const std::wstring& text) const

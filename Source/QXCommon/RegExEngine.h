@@ -34,4 +34,8 @@ int Compile(const std::wstring& expression, MatchMode mode, std::shared_ptr<cons
 // Matches. On Failed, errorCode is QX_REGEX_ERROR_BUDGET (the match needed
 // more steps or more backtracking memory than one match may take).
 RunResult Run(const CompiledRegEx& compiled, const std::wstring& text, int& errorCode);
+
+// Run for a held expression (none: no match): 0 with matched set to the
+// answer, or the budget error with matched false.
+int TryMatch(const std::shared_ptr<const CompiledRegEx>& compiled, const std::wstring& text, bool& matched);
 } // namespace QXCommon::RegExHelpers::Detail

@@ -960,6 +960,16 @@ RunResult Run(const CompiledRegEx& compiled, const std::wstring& text, int& erro
     }
     return result == Found ? RunResult::Match : RunResult::NoMatch;
 }
+int TryMatch(const std::shared_ptr<const CompiledRegEx>& compiled, const std::wstring& text, bool& matched)
+{
+    matched = false;
+    if (!compiled)
+        return 0;
+    int error = 0;
+    RunResult result = Run(*compiled, text, error);
+    matched = result == RunResult::Match;
+    return result == RunResult::Failed ? error : 0;
+}
 } // namespace Detail
 
 std::wstring EscapeRegExMetaCharacters(const std::wstring& text)

@@ -12,12 +12,15 @@
 // back-references, at most 5 MiB of backtracking state; it returns the
 // ECMAScript answer, or, when the budget is spent first, the budget error
 // QX_REGEX_ERROR_BUDGET. It is never a "no match" that the expression would
-// not give. Measured bound (qxbench patterns.regex-bound): any accepted
-// expression on any text of up to 32,767 characters ends within 100 ms on the
-// reference machine (2 cores, under Wine); expressions without
-// back-references get their answer in (text length + 1) x (automaton size)
-// steps, which the budget covers for automata of up to about 600 states on
-// such texts, and typical rule expressions are far below that.
+// not give. The bound: any accepted expression on any text of up to 32,767
+// characters ends within 100 ms on the reference machine (2 shared cores,
+// under Wine; worst case measured 84 ms under load, qxbench
+// patterns.regex-bound). Without back-references an answer costs at most
+// (text length + 1) x (automaton size) steps and a search stops at its first
+// match, so typical rule expressions answer such a text in about a
+// millisecond; expressions that keep hundreds of states live over the whole
+// text, lookaheads that scan to the end at every position, and exploding
+// back-references get the budget error instead.
 // Stack use does not grow with the text or the expression.
 
 #include "QXCommonAPI.h"
