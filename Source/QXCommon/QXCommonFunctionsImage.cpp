@@ -5,6 +5,7 @@
 #include "QXLog.h"
 
 #include <cstring>
+#include <memory>
 
 namespace QXCommonFunctions
 {
@@ -19,6 +20,10 @@ constexpr DWORD NtHeaders32Size = 0xF8;
 constexpr WORD DosSignature = 0x5A4D;  // "MZ"
 constexpr DWORD NtSignature = 0x00004550; // "PE\0\0"
 
+struct HeapDeleter
+{
+    void operator()(BYTE* p) const { ::HeapFree(::GetProcessHeap(), 0, p); }
+};
 } // namespace
 
 DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
@@ -91,44 +96,39 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return ERROR_SUCCESS;
     }
 
-    // The size check above is made on the whole prefix up to the end of the
-    // NT headers; the headers themselves are read where they are, so memory
-    // and time do not grow with e_lfanew. When the offset wrapped, the
-    // headers would start past the needed size: there is no signature to
-    // read.
-    if (needed < ntOffset)
+    // The whole prefix up to the end of the NT headers is read from the start
+    // of the file in one read, not the headers alone after a seek: that is
+    // the check's defined behaviour and is kept. Its cost is bounded by the
+    // size the file really has (the check above), not by e_lfanew alone.
+    std::unique_ptr<BYTE, HeapDeleter> buffer(
+        static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed != 0 ? needed : 1)));
+    if (!buffer)
     {
-        QXLOG_INFO(function, L"No NT header so not NT exe file\n");
-        isNTExe = FALSE;
-        return ERROR_SUCCESS;
+        QXLOG_ERROR(function, L"HeapAlloc() error {}.\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+        return ERROR_NOT_ENOUGH_MEMORY;
     }
-    BYTE ntHeaders[NtHeaders32Size] = {};
-    LARGE_INTEGER at = {};
-    at.QuadPart = ntOffset;
-    if (!::SetFilePointerEx(file, at, nullptr, FILE_BEGIN))
-    {
-        DWORD error = ::GetLastError();
-        QXLOG_ERROR(function, L"SetFilePointerEx() error {}.\n", error);
-        return error;
-    }
+    ::SetFilePointer(file, 0, nullptr, FILE_BEGIN);
     bytesRead = 0;
-    if (!::ReadFile(file, ntHeaders, NtHeaders32Size, &bytesRead, nullptr))
+    if (!::ReadFile(file, buffer.get(), needed, &bytesRead, nullptr))
     {
         DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"ReadFile() error {}.\n", error);
         return error;
     }
-    if (bytesRead < NtHeaders32Size)
+    if (bytesRead < needed)
     {
         QXLOG_ERROR(function, L"ReadFile() bytes read mismatch. dwBytesToRead {} dwBytesRead {}\n", needed,
-                    ntOffset + bytesRead);
+                    bytesRead);
         isNTExe = FALSE;
         return ERROR_SUCCESS;
     }
 
+    // When the offset wrapped the buffer ends before it: no signature to read.
     DWORD signature = 0;
-    std::memcpy(&signature, ntHeaders, sizeof(signature));
-    if (signature == NtSignature)
+    const bool inside = static_cast<unsigned long long>(ntOffset) + sizeof(signature) <= needed;
+    if (inside)
+        std::memcpy(&signature, buffer.get() + ntOffset, sizeof(signature));
+    if (inside && signature == NtSignature)
     {
         isNTExe = TRUE;
     }
