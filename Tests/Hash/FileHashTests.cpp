@@ -1,0 +1,241 @@
+// Digests of real files and memory blocks against BCrypt and zlib, the 8 MiB
+// cap, the loader's failures and handle, copies, and leaks over many files.
+
+#include "HashTestHelpers.h"
+#include "QXTestSupport.h"
+
+#include "QXCommon/ChecksumStrategyAdler32.h"
+#include "QXCommon/DataLoader.h"
+#include "QXCommon/HashStrategySha.h"
+#include "QXCommon/HashStrategyShaCacheHelper.h"
+#include "QXCommon/QXCommonFunctions.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace HashTest;
+
+namespace
+{
+const SignatureAlgorithm AllAlgorithms[] = {SignatureAlgorithmSHA1, SignatureAlgorithmSHA256, SignatureAlgorithmAdler32};
+} // namespace
+
+TEST(FileHash, KnownAnswersAroundTheUpdateStepsAndTheCap)
+{
+    const size_t sizes[] = {0, 1, 7, 8, 9, 17, 32767, 32768, 32769, 65543, Cap - 1, Cap, Cap + 1, 20 * 1048576};
+    const std::string content = RandomBytes(20 * 1048576);
+    QXTest::TempDir dir;
+    std::vector<std::wstring> paths;
+    for (size_t size : sizes)
+        paths.push_back(dir.Write(L"f" + std::to_wstring(size), content.substr(0, size)));
+
+    for (SignatureAlgorithm algorithm : AllAlgorithms)
+    {
+        ForceAlgorithm(algorithm);
+        for (size_t k = 0; k < paths.size(); ++k)
+        {
+            SCOPED_TRACE(testing::Message() << "algorithm " << algorithm << ", size " << sizes[k]);
+            EXPECT_EQ(QXCommonFunctions::GenerateFileHash(paths[k]),
+                      Reference(algorithm, content.substr(0, std::min(sizes[k], Cap))));
+        }
+    }
+    // The standard values of no data, in the library's letter case.
+    ForceAlgorithm(SignatureAlgorithmSHA1);
+    EXPECT_EQ(QXCommonFunctions::GenerateFileHash(paths[0]), L"da39a3ee5e6b4b0d3255bfef95601890afd80709");
+    ForceAlgorithm(SignatureAlgorithmAdler32);
+    EXPECT_EQ(QXCommonFunctions::GenerateFileHash(paths[0]), L"00000001");
+
+    QXTest::LogCapture log;
+    QXCommon::CDataLoader loader;
+    ASSERT_EQ(loader.LoadFile(paths.back().c_str(), Cap, nullptr), 1);
+    EXPECT_EQ(loader.GetNumBytes(), Cap);
+    EXPECT_TRUE(log.Has(4, "QXCommon::CDataLoader::LoadFile",
+                        L"Allocating [8388608] bytes. File Size [20971520] bytes. Max Bytes [8388608]\n"));
+    ASSERT_EQ(loader.LoadFile(paths[6].c_str(), 0, nullptr), 1);
+    EXPECT_TRUE(std::string(reinterpret_cast<const char*>(loader.GetData()), loader.GetNumBytes()) ==
+                content.substr(0, 32767));
+}
+
+TEST(FileHash, FilesThatCannotBeReadGiveEmptyTextAndTheSystemError)
+{
+    QXTest::TempDir dir;
+    const std::wstring locked = dir.Write(L"locked", "data");
+    ATL::CHandle exclusive(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(exclusive, INVALID_HANDLE_VALUE);
+    struct Case
+    {
+        std::wstring path;
+        DWORD error;
+    };
+    const Case cases[] = {
+        {dir.File(L"missing"), ERROR_FILE_NOT_FOUND},
+        {dir.File(L"no\\such\\folder"), ERROR_PATH_NOT_FOUND},
+        {dir.MakeDir(L"folder"), ERROR_ACCESS_DENIED},
+        {locked, ERROR_SHARING_VIOLATION},
+    };
+    ForceAlgorithm(SignatureAlgorithmSHA256);
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(QXTest::Narrow(c.path));
+        QXTest::LogCapture log;
+        EXPECT_EQ(QXCommonFunctions::GenerateFileHash(c.path), L"");
+        EXPECT_EQ(GetLastError(), c.error);
+        EXPECT_TRUE(log.Has(1, "QXCommon::CDataLoader::LoadFile",
+                            L"CreateFileW failed with error [" + std::to_wstring(c.error) + L"].\n"))
+            << log.Dump();
+        EXPECT_TRUE(log.Has(1, "QXCommonFunctions::GenerateFileHash", L"Failed to load file data for [" + c.path + L"].\n"));
+    }
+    QXCommon::CDataLoader loader;
+    EXPECT_EQ(loader.LoadFile(nullptr, 0, nullptr), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(loader.LoadFile(nullptr, 0, reinterpret_cast<HANDLE>(0x1234)), 0); // not a handle: no size
+}
+
+TEST(FileHash, CallersHandleIsReadFromItsPositionAndLeftOpen)
+{
+    QXTest::TempDir dir;
+    const std::wstring path = dir.Write(L"f", "0123456789");
+    ATL::CHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    QXCommon::CDataLoader loader;
+    ASSERT_EQ(loader.LoadFile(L"ignored path", 4, file), 1);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(loader.GetData()), 4), "0123");
+    // The next load starts where this one stopped; the bytes the file no
+    // longer holds there read as zeros, and the count is what was asked.
+    ASSERT_EQ(loader.LoadFile(nullptr, 0, file), 1);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(loader.GetData()), loader.GetNumBytes()),
+              std::string("456789\0\0\0\0", 10));
+
+    QXCommon::CDataLoader copy(loader);
+    loader.Unload();
+    EXPECT_EQ(loader.GetData(), nullptr);
+    EXPECT_EQ(loader.GetNumBytes(), 0u);
+    EXPECT_EQ(copy.GetNumBytes(), 10u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(copy.GetData()), 6), "456789");
+}
+
+TEST(FileHash, Adler32MatchesZlibOverLengthsAndAlignments)
+{
+    const std::string bytes = RandomBytes(3 * 65536 + 64, 11);
+    std::vector<size_t> lengths;
+    for (size_t n = 0; n <= 300; ++n)
+        lengths.push_back(n);
+    for (size_t n = 301; n <= 70100; n += 97)
+        lengths.push_back(n);
+    for (size_t base : {32768u, 65536u, 98304u, 131072u, 196608u})
+        for (size_t n = base - 33; n <= base + 33; ++n)
+            lengths.push_back(n);
+    // Saturated bytes push every partial sum to its largest value.
+    const std::string ones(3 * 65536 + 64, '\xFF');
+
+    QXCommon::CChecksumStrategyAdler32 strategy;
+    std::wstring text;
+    for (size_t n : lengths)
+        for (const std::string* source : {&bytes, &ones})
+        {
+            const size_t offset = (n * 7) % 64;
+            const BYTE* p = reinterpret_cast<const BYTE*>(source->data()) + offset;
+            ASSERT_EQ(strategy.GenerateHash(p, n, text), 1);
+            ASSERT_EQ(text, ReferenceAdler32(p, n)) << "length " << n << " offset " << offset;
+        }
+    EXPECT_EQ(strategy.GenerateHash(nullptr, 0, text), 1);
+    EXPECT_EQ(text, L"00000001");
+    text = L"kept";
+    EXPECT_EQ(strategy.GenerateHash(nullptr, 5, text), 0);
+    EXPECT_EQ(text, L"kept");
+}
+
+// The vector paths are chosen once per process: run the sweep again in
+// processes whose choice is capped.
+TEST(FileHash, Adler32PortableAndNarrowVectorPathsMatchZlib)
+{
+    wchar_t self[MAX_PATH] = {};
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    for (const wchar_t* cap : {L"none", L"ssse3"})
+    {
+        SetEnvironmentVariableW(L"QXCOMMON_SIMD", cap);
+        auto run = QXTest::RunProcess(L"\"" + std::wstring(self) +
+                                      L"\" --gtest_filter=FileHash.Adler32MatchesZlibOverLengthsAndAlignments");
+        SetEnvironmentVariableW(L"QXCOMMON_SIMD", nullptr);
+        EXPECT_EQ(run.exitCode, 0u) << QXTest::Narrow(cap) << "\n" << run.output;
+        EXPECT_NE(run.output.find("[  PASSED  ] 1 test"), std::string::npos) << run.output;
+    }
+}
+
+TEST(FileHash, ShaStrategiesHashAfreshAndSurviveCopies)
+{
+    const std::string data = RandomBytes(1000);
+    const BYTE* p = reinterpret_cast<const BYTE*>(data.data());
+    for (SignatureAlgorithm algorithm : {SignatureAlgorithmSHA1, SignatureAlgorithmSHA256})
+    {
+        SCOPED_TRACE(testing::Message() << "algorithm " << algorithm);
+        auto original = std::make_unique<QXCommon::CHashStrategySha>(algorithm);
+        EXPECT_EQ(original->GetHashSize(), algorithm == SignatureAlgorithmSHA256 ? 32u : 20u);
+        std::wstring text;
+        ASSERT_EQ(original->GenerateHash(p, 10, text), 1);
+        ASSERT_EQ(original->GenerateHash(p, data.size(), text), 1);
+        EXPECT_EQ(text, Reference(algorithm, data));
+
+        QXCommon::CHashStrategySha copy(*original);
+        QXCommon::CHashStrategySha assigned(algorithm == SignatureAlgorithmSHA1 ? SignatureAlgorithmSHA256
+                                                                               : SignatureAlgorithmSHA1);
+        assigned = *original;
+        original.reset(); // the copies keep the provider they share
+        for (QXCommon::CHashStrategySha* s : {&copy, &assigned})
+        {
+            ASSERT_EQ(s->GenerateHash(p, 500, text), 1);
+            EXPECT_EQ(text, Reference(algorithm, data.substr(0, 500)));
+        }
+        text = L"kept";
+        EXPECT_EQ(copy.GenerateHash(nullptr, 5, text), 0);
+        EXPECT_EQ(text, L"kept");
+    }
+    QXCommon::CHashStrategySha unknown(static_cast<SignatureAlgorithm>(7));
+    std::wstring text;
+    EXPECT_EQ(unknown.GenerateHash(p, 10, text), 0);
+}
+
+// Every provider a private strategy acquires is released (one left behind
+// costs a few hundred bytes of heap), and loaded data and files are freed.
+// Private providers are slow to acquire under Wine, so fewer files hash
+// with them than with the thread's shared provider.
+TEST(FileHash, ThousandsOfFilesLeaveHandlesAndHeapWhereTheyWere)
+{
+    QXTest::TempDir dir;
+    std::vector<std::wstring> paths;
+    for (int k = 0; k < 40; ++k)
+        paths.push_back(dir.Write(L"f" + std::to_wstring(k), RandomBytes(4096 + k, k)));
+    auto hashAll = [&](int rounds) {
+        for (int r = 0; r < rounds; ++r)
+            for (const auto& path : paths)
+                ASSERT_FALSE(QXCommonFunctions::GenerateFileHash(path).empty());
+    };
+    struct Case
+    {
+        SignatureAlgorithm algorithm;
+        bool sharedProvider;
+        int rounds;
+    } cases[] = {{SignatureAlgorithmSHA1, false, 5}, {SignatureAlgorithmSHA256, true, 50}, {SignatureAlgorithmAdler32, false, 50}};
+    ASSERT_TRUE(QXCommon::HashStrategyShaCacheHelper::InitTLS());
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << "algorithm " << c.algorithm);
+        ForceAlgorithm(c.algorithm);
+        if (c.sharedProvider)
+        {
+            ASSERT_TRUE(QXCommon::HashStrategyShaCacheHelper::CreateSharedContext());
+        }
+        hashAll(2);
+        const uintptr_t handleSlot = QXTest::NextHandleSlot();
+        const size_t heap = ProcessHeapInUse();
+        hashAll(c.rounds);
+        EXPECT_EQ(QXTest::NextHandleSlot(), handleSlot);
+        EXPECT_LT(ProcessHeapInUse(), heap + 4096) << "heap in use grew from " << heap;
+        if (c.sharedProvider)
+        {
+            EXPECT_TRUE(QXCommon::HashStrategyShaCacheHelper::DestroySharedContext());
+        }
+    }
+    QXCommon::HashStrategyShaCacheHelper::UninitTLS();
+}
