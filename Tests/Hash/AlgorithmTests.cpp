@@ -208,3 +208,36 @@ TEST_F(Algorithm, FileHashFollowsTheAlgorithmAndCalculateAdler32ChecksumSwitches
     }
     EXPECT_EQ(CalculateAdler32Checksum(nullptr), 0);
 }
+
+TEST_F(Algorithm, InspectHashReadsTheAlgorithmLikeTheAgent)
+{
+    QXTest::TempDir dir;
+    const std::string content = RandomBytes(3000);
+    const std::wstring path = dir.Write(L"file.bin", content);
+    const std::string sha256 = QXTest::Narrow(Reference(SignatureAlgorithmSHA256, content));
+    const std::string adler = QXTest::Narrow(Reference(SignatureAlgorithmAdler32, content));
+    struct Case
+    {
+        DWORD registry; // 0xFFFFFFFF: value absent
+        std::wstring arguments;
+        DWORD exitCode;
+        std::string output;
+    } cases[] = {
+        {0xFFFFFFFF, L"hash \"" + path + L"\"", 3, "no hash algorithm is set"},
+        {1, L"hash \"" + path + L"\"", 0, sha256 + "  " + QXTest::Narrow(path) + "\n"},
+        {1, L"hash --algorithm Adler32 \"" + path + L"\"", 0, adler + "  "},
+        {3, L"--json hash \"" + path + L"\" --algorithm sha256", 0, "\"hash\": \"" + sha256 + "\""},
+        {1, L"--json hash \"" + path + L"\" \"" + dir.File(L"missing") + L"\"", 3, "\"error\": 2,"},
+        {1, L"hash --algorithm md5 \"" + path + L"\"", 2, "unknown algorithm md5"},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(QXTest::Narrow(c.arguments));
+        m_key.DeleteValue(L"SignatureAlgorithm");
+        if (c.registry != 0xFFFFFFFF)
+            Write(REG_DWORD, &c.registry, sizeof(DWORD));
+        auto run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxinspect.exe") + L"\" " + c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode) << run.output;
+        EXPECT_NE(run.output.find(c.output), std::string::npos) << run.output;
+    }
+}
