@@ -4,6 +4,7 @@
 
 #include <atlbase.h>
 
+#include <atomic>
 #include <cstring>
 
 namespace QXCommon
@@ -15,11 +16,7 @@ class HeapBlock
 {
 public:
     explicit HeapBlock(BYTE* data) : m_data(data) {}
-    ~HeapBlock()
-    {
-        if (m_data != nullptr)
-            ::HeapFree(::GetProcessHeap(), 0, m_data);
-    }
+    ~HeapBlock();
     HeapBlock(const HeapBlock&) = delete;
     HeapBlock& operator=(const HeapBlock&) = delete;
     BYTE* Get() const { return m_data; }
@@ -33,6 +30,73 @@ public:
 private:
     BYTE* m_data;
 };
+
+// Blocks of a megabyte or more come fresh from the system on every
+// allocation, and every page of them faults in and is zeroed on first use:
+// for the 8 MiB that identify a file that costs more than reading them. The
+// last such block freed is kept (one per process) for the next large load.
+constexpr SIZE_T SpareFrom = 1 << 20;
+
+class SpareBlock
+{
+public:
+    SpareBlock() : m_block(nullptr) {}
+    ~SpareBlock() { Give(nullptr); }
+    SpareBlock(const SpareBlock&) = delete;
+    SpareBlock& operator=(const SpareBlock&) = delete;
+
+    // The kept block when it holds at least bytes, otherwise null.
+    BYTE* Take(SIZE_T bytes)
+    {
+        BYTE* block = m_block.exchange(nullptr);
+        if (block == nullptr)
+            return nullptr;
+        const SIZE_T size = ::HeapSize(::GetProcessHeap(), 0, block);
+        if (size != static_cast<SIZE_T>(-1) && size >= bytes)
+            return block;
+        ::HeapFree(::GetProcessHeap(), 0, block);
+        return nullptr;
+    }
+
+    // Keeps the block in place of the one kept before, which is freed.
+    void Give(BYTE* block)
+    {
+        BYTE* previous = m_block.exchange(block);
+        if (previous != nullptr)
+            ::HeapFree(::GetProcessHeap(), 0, previous);
+    }
+
+private:
+    std::atomic<BYTE*> m_block;
+};
+
+SpareBlock& Spare()
+{
+    static SpareBlock spare;
+    return spare;
+}
+
+BYTE* AllocateLoadBlock(ULONGLONG bytes)
+{
+    BYTE* block = bytes >= SpareFrom ? Spare().Take(static_cast<SIZE_T>(bytes)) : nullptr;
+    return block != nullptr ? block : static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), 0, static_cast<SIZE_T>(bytes)));
+}
+
+void FreeLoadBlock(BYTE* block)
+{
+    if (block == nullptr)
+        return;
+    const SIZE_T size = ::HeapSize(::GetProcessHeap(), 0, block);
+    if (size != static_cast<SIZE_T>(-1) && size >= SpareFrom)
+        Spare().Give(block);
+    else
+        ::HeapFree(::GetProcessHeap(), 0, block);
+}
+
+HeapBlock::~HeapBlock()
+{
+    FreeLoadBlock(m_data);
+}
 
 BYTE* AllocateCopy(const BYTE* data, ULONGLONG bytes)
 {
@@ -78,8 +142,7 @@ CDataLoader::~CDataLoader()
 
 void CDataLoader::Unload()
 {
-    if (m_data != nullptr)
-        ::HeapFree(::GetProcessHeap(), 0, m_data);
+    FreeLoadBlock(m_data);
     m_data = nullptr;
     m_numBytes = 0;
 }
@@ -134,7 +197,7 @@ int CDataLoader::LoadFile(const wchar_t* path, ULONGLONG maxBytes, HANDLE file)
         amount = maxBytes;
     QXLOG_INFO(function, L"Allocating [{}] bytes. File Size [{}] bytes. Max Bytes [{}]\n", amount, fileSize, maxBytes);
 
-    HeapBlock block(static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), 0, static_cast<SIZE_T>(amount))));
+    HeapBlock block(AllocateLoadBlock(amount));
     if (block.Get() == nullptr)
     {
         QXLOG_ERROR(function, L"HeapAllow Failed.\n");

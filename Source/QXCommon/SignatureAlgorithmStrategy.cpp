@@ -28,6 +28,17 @@ private:
 };
 } // namespace
 
+struct SignatureAlgorithmStrategyAccess
+{
+    // Makes Adler-32 the process's algorithm and a strategy for it at once.
+    static std::unique_ptr<QXCommon::IHashStrategy> SwitchToAdler32(SignatureAlgorithmStrategy& strategies)
+    {
+        CriticalSectionLock lock(strategies.m_lock);
+        strategies.SetSignatureAlgorithmInternal(SignatureAlgorithmAdler32);
+        return strategies.GetHashStrategy();
+    }
+};
+
 SignatureAlgorithmStrategy::SignatureAlgorithmStrategy() : m_algorithm(SignatureAlgorithmUnknown)
 {
     ::InitializeCriticalSection(&m_lock);
@@ -167,13 +178,8 @@ int CalculateAdler32Checksum(wchar_t* buffer)
     // Switching the process to Adler-32 is part of the contract. The strategy
     // is made under the same lock, so that another thread's change of
     // algorithm cannot put a longer digest into a buffer sized for this one.
-    SignatureAlgorithmStrategy* strategies = SignatureAlgorithmStrategy::Get();
-    std::unique_ptr<QXCommon::IHashStrategy> strategy;
-    {
-        CriticalSectionLock lock(strategies->m_lock);
-        strategies->SetSignatureAlgorithmInternal(SignatureAlgorithmAdler32);
-        strategy = strategies->GetHashStrategy();
-    }
+    std::unique_ptr<QXCommon::IHashStrategy> strategy =
+        SignatureAlgorithmStrategyAccess::SwitchToAdler32(*SignatureAlgorithmStrategy::Get());
     if (!strategy)
         return 0;
 

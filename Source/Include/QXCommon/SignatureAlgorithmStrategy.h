@@ -38,7 +38,9 @@ public:
     std::unique_ptr<QXCommon::IHashStrategy> GetHashStrategy();
 
 private:
-    friend int ::CalculateAdler32Checksum(wchar_t* buffer);
+    // Lets CalculateAdler32Checksum set the algorithm and take a strategy
+    // under one hold of the lock.
+    friend struct SignatureAlgorithmStrategyAccess;
 
     SignatureAlgorithmStrategy();
     ~SignatureAlgorithmStrategy();
