@@ -129,6 +129,7 @@ struct VectorPath
 {
     void (*update)(uint32_t&, uint32_t&, const BYTE*, ULONGLONG);
     ULONGLONG block; // bytes per vector step
+    const wchar_t* name;
 };
 
 bool HasAvx2()
@@ -160,17 +161,22 @@ VectorPath ChooseVectorPath()
     const char* cap = std::getenv("QXCOMMON_SIMD");
     const std::string limit = cap != nullptr ? cap : "";
     if (limit == "none")
-        return {nullptr, 0};
+        return {nullptr, 0, L"portable"};
     if (limit != "ssse3" && HasAvx2())
-        return {&UpdateAvx2, 32};
+        return {&UpdateAvx2, 32, L"AVX2"};
     if (HasSsse3())
-        return {&UpdateSsse3, 16};
-    return {nullptr, 0};
+        return {&UpdateSsse3, 16, L"SSSE3"};
+    return {nullptr, 0, L"portable"};
 }
 
 const VectorPath& Vector()
 {
-    static const VectorPath path = ChooseVectorPath();
+    static const VectorPath path = [] {
+        const VectorPath chosen = ChooseVectorPath();
+        QXLOG_INFO("QXCommon::CChecksumStrategyAdler32::Update", L"Adler-32 sums with [{}] instructions.\n",
+                   chosen.name);
+        return chosen;
+    }();
     return path;
 }
 } // namespace

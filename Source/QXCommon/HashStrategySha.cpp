@@ -191,7 +191,7 @@ void CHashStrategySha::GetCurrentHashString(std::wstring& hash) const
     static const wchar_t digits[] = L"0123456789abcdef";
     const DWORD count = m_algorithm == SignatureAlgorithmSHA256 ? Sha256Bytes : Sha1Bytes;
     hash.clear();
-    if (!m_hashValue || m_hashSize < count)
+    if (!m_hashValue)
         return;
     hash.resize(2 * static_cast<size_t>(count));
     for (DWORD k = 0; k < count; ++k)

@@ -166,6 +166,7 @@ TEST_F(Algorithm, FileHashFollowsTheAlgorithmAndCalculateAdler32ChecksumSwitches
     {
         QXTest::LogCapture log;
         EXPECT_EQ(QXCommonFunctions::GenerateFileHash(path), L"");
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_STATE));
         EXPECT_TRUE(log.Has(1, Fn + "GetHashStrategy", L"Unknown signature type. Unable to initialise hash strategy.\n"));
         EXPECT_TRUE(log.Has(1, "QXCommonFunctions::GenerateFileHash", L"Hash strategy is null. Unable to generate hash.\n"));
     }
