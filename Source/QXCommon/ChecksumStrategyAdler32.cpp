@@ -57,13 +57,22 @@ void UpdateScalar(uint32_t& a, uint32_t& b, const BYTE* p, ULONGLONG length)
 // each block, so that Σ(n−i)·x[i] = s2 + W·s3. Runs are cut at 32768 bytes,
 // which keeps every 32-bit lane from overflowing; the combination is done in
 // 64 bits and reduced once per run.
-template <typename Lanes>
-uint64_t SumLanes(const Lanes& lanes)
+template <size_t N>
+uint64_t SumLanes(const uint32_t (&lanes)[N])
 {
     uint64_t sum = 0;
     for (uint32_t v : lanes)
         sum += v;
     return sum;
+}
+
+// Adds one run's vector sums (lanes of s1, s2 and s3, blocks of width bytes) to (a, b).
+template <size_t N>
+void FoldRun(uint32_t& a, uint32_t& b, ULONGLONG run, ULONGLONG width, const uint32_t (&s1)[N],
+             const uint32_t (&s2)[N], const uint32_t (&s3)[N])
+{
+    b = static_cast<uint32_t>((b + run * a + SumLanes(s2) + width * SumLanes(s3)) % Modulus);
+    a = static_cast<uint32_t>((a + SumLanes(s1)) % Modulus);
 }
 
 __attribute__((target("avx2"))) void UpdateAvx2(uint32_t& a, uint32_t& b, const BYTE* p, ULONGLONG length)
@@ -90,9 +99,7 @@ __attribute__((target("avx2"))) void UpdateAvx2(uint32_t& a, uint32_t& b, const 
         _mm256_store_si256(reinterpret_cast<__m256i*>(l1), s1);
         _mm256_store_si256(reinterpret_cast<__m256i*>(l2), s2);
         _mm256_store_si256(reinterpret_cast<__m256i*>(l3), s3);
-        const uint64_t sum1 = SumLanes(l1);
-        b = static_cast<uint32_t>((b + run * a + SumLanes(l2) + 32 * SumLanes(l3)) % Modulus);
-        a = static_cast<uint32_t>((a + sum1) % Modulus);
+        FoldRun(a, b, run, 32, l1, l2, l3);
     }
 }
 
@@ -119,9 +126,7 @@ __attribute__((target("ssse3"))) void UpdateSsse3(uint32_t& a, uint32_t& b, cons
         _mm_store_si128(reinterpret_cast<__m128i*>(l1), s1);
         _mm_store_si128(reinterpret_cast<__m128i*>(l2), s2);
         _mm_store_si128(reinterpret_cast<__m128i*>(l3), s3);
-        const uint64_t sum1 = SumLanes(l1);
-        b = static_cast<uint32_t>((b + run * a + SumLanes(l2) + 16 * SumLanes(l3)) % Modulus);
-        a = static_cast<uint32_t>((a + sum1) % Modulus);
+        FoldRun(a, b, run, 16, l1, l2, l3);
     }
 }
 

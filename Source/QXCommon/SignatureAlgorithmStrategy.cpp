@@ -71,16 +71,17 @@ bool SignatureAlgorithmStrategy::GetSignatureAlgorithmFromRegistry()
     const char* const function = "SignatureAlgorithmStrategy::GetSignatureAlgorithmFromRegistry";
     CriticalSectionLock lock(m_lock);
 
+    // A failed read leaves no algorithm in force, whatever was set before.
+    auto failed = [&](const wchar_t* format, const wchar_t* what, LONG status) {
+        m_algorithm = SignatureAlgorithmUnknown;
+        QXLOG_ERROR(function, format, what, status, GetSignatureAlgorithmName());
+        ::SetLastError(static_cast<DWORD>(status));
+        return false;
+    };
     ATL::CRegKey key;
     LONG status = key.Open(HKEY_LOCAL_MACHINE, PropertiesKey, KEY_READ | KEY_WRITE);
     if (status != ERROR_SUCCESS)
-    {
-        m_algorithm = SignatureAlgorithmUnknown;
-        QXLOG_ERROR(function, L"Open [{}] reg key failed. Error [{}]. Setting algorithm to [{}].\n", PropertiesKey,
-                    status, GetSignatureAlgorithmName());
-        ::SetLastError(static_cast<DWORD>(status));
-        return false;
-    }
+        return failed(L"Open [{}] reg key failed. Error [{}]. Setting algorithm to [{}].\n", PropertiesKey, status);
 
     DWORD value = 0;
     DWORD type = REG_NONE;
@@ -89,13 +90,7 @@ bool SignatureAlgorithmStrategy::GetSignatureAlgorithmFromRegistry()
     if (status == ERROR_SUCCESS && (type != REG_DWORD || bytes != sizeof(value)))
         status = ERROR_INVALID_DATA;
     if (status != ERROR_SUCCESS)
-    {
-        m_algorithm = SignatureAlgorithmUnknown;
-        QXLOG_ERROR(function, L"Query [{}] reg value failed. Error [{}]. Setting algorithm to [{}].\n", AlgorithmValue,
-                    status, GetSignatureAlgorithmName());
-        ::SetLastError(static_cast<DWORD>(status));
-        return false;
-    }
+        return failed(L"Query [{}] reg value failed. Error [{}]. Setting algorithm to [{}].\n", AlgorithmValue, status);
     return SetSignatureAlgorithmInternal(static_cast<SignatureAlgorithm>(value));
 }
 
