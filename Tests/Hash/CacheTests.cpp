@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using namespace HashTest;
@@ -40,21 +41,16 @@ std::wstring HashHere(const std::string& bytes)
 
 TEST(HashCache, WithoutTheSlotEveryCallFailsAndStrategiesUseTheirOwnProvider)
 {
-    struct Case
-    {
-        const char* function;
-        BOOL (*call)();
-        std::wstring log;
-    } cases[] = {
+    const std::tuple<const char*, BOOL (*)(), std::wstring> cases[] = {
         {"UninitTLS", &HashStrategyShaCacheHelper::UninitTLS, L"TLS Index is not valid.\n"},
         {"CreateSharedContext", &HashStrategyShaCacheHelper::CreateSharedContext, L"InitTLS not called or failed.\n"},
         {"DestroySharedContext", &HashStrategyShaCacheHelper::DestroySharedContext, L"InitTLS not called or failed.\n"},
     };
     QXTest::LogCapture log;
-    for (const Case& c : cases)
+    for (const auto& [function, call, text] : cases)
     {
-        EXPECT_EQ(c.call(), FALSE) << c.function;
-        EXPECT_TRUE(log.Has(1, Fn + c.function, c.log)) << c.function;
+        EXPECT_EQ(call(), FALSE) << function;
+        EXPECT_TRUE(log.Has(1, Fn + function, text)) << function;
     }
     EXPECT_EQ(HashStrategyShaCacheHelper::GetSharedContext(), 0u);
     EXPECT_TRUE(log.Has(1, Fn + "GetSharedContext", L"InitTLS not called or failed returning NULL.\n"));
@@ -92,10 +88,7 @@ TEST(HashCache, PreparedThreadLendsItsProviderUntilItReleasesIt)
         EXPECT_EQ(HashHere("abc"), Reference(SignatureAlgorithmSHA256, "abc"));
         EXPECT_TRUE(log.Has(4, "QXCommon::CHashStrategySha::CHashStrategySha",
                             L"Using Cached CryptProv handle [" + Hex(provider) + L"]..\n"));
-        {
-            QXCommon::CHashStrategySha borrowed(SignatureAlgorithmSHA1);
-            QXCommon::CHashStrategySha copy(borrowed);
-        }
+        QXCommon::CHashStrategySha(QXCommon::CHashStrategySha(SignatureAlgorithmSHA1)); // a borrower and its copy
         // The strategies that borrowed it left the provider working.
         HCRYPTHASH hash = 0;
         EXPECT_TRUE(CryptCreateHash(provider, CALG_SHA1, 0, 0, &hash));

@@ -38,29 +38,26 @@ inline std::wstring Reference(SignatureAlgorithm algorithm, const std::string& b
 {
     if (algorithm == SignatureAlgorithmAdler32)
         return ReferenceAdler32(bytes.data(), bytes.size());
+    const ULONG size = algorithm == SignatureAlgorithmSHA256 ? 32 : 20;
+    UCHAR digest[32] = {};
     BCRYPT_ALG_HANDLE provider = nullptr;
     BCRYPT_HASH_HANDLE hash = nullptr;
-    UCHAR digest[32] = {};
-    const ULONG size = algorithm == SignatureAlgorithmSHA256 ? 32 : 20;
-    std::wstring text;
-    if (BCryptOpenAlgorithmProvider(&provider, size == 32 ? BCRYPT_SHA256_ALGORITHM : BCRYPT_SHA1_ALGORITHM, nullptr,
-                                    0) != 0)
-        return L"(no BCrypt provider)";
-    if (BCryptCreateHash(provider, &hash, nullptr, 0, nullptr, 0, 0) == 0 &&
-        BCryptHashData(hash, reinterpret_cast<PUCHAR>(const_cast<char*>(bytes.data())), static_cast<ULONG>(bytes.size()),
-                       0) == 0 &&
-        BCryptFinishHash(hash, digest, size, 0) == 0)
-    {
-        for (ULONG k = 0; k < size; ++k)
-        {
-            wchar_t pair[3];
-            swprintf(pair, 3, L"%02x", digest[k]);
-            text += pair;
-        }
-    }
-    if (hash != nullptr)
-        BCryptDestroyHash(hash);
+    BCryptOpenAlgorithmProvider(&provider, size == 32 ? BCRYPT_SHA256_ALGORITHM : BCRYPT_SHA1_ALGORITHM, nullptr, 0);
+    BCryptCreateHash(provider, &hash, nullptr, 0, nullptr, 0, 0);
+    const bool hashed = BCryptHashData(hash, reinterpret_cast<PUCHAR>(const_cast<char*>(bytes.data())),
+                                       static_cast<ULONG>(bytes.size()), 0) == 0 &&
+                        BCryptFinishHash(hash, digest, size, 0) == 0;
+    BCryptDestroyHash(hash);
     BCryptCloseAlgorithmProvider(provider, 0);
+    if (!hashed)
+        return L"(BCrypt failed)";
+    std::wstring text;
+    for (ULONG k = 0; k < size; ++k)
+    {
+        wchar_t pair[3];
+        swprintf(pair, 3, L"%02x", digest[k]);
+        text += pair;
+    }
     return text;
 }
 
