@@ -97,6 +97,13 @@ TEST(FileHash, CallersHandleIsReadFromItsPositionAndLeftOpen)
     EXPECT_TRUE(loader.GetData() == nullptr && loader.GetNumBytes() == 0 && emptyCopy.GetNumBytes() == 0);
     ASSERT_EQ(copy.GetNumBytes(), 2 * mib);
     EXPECT_TRUE(std::string(reinterpret_cast<const char*>(copy.GetData()), mib) == content.substr(mib));
+
+    // A kept block too small for the next load is not used for it.
+    QXCommon::CDataLoader small, large;
+    ASSERT_EQ(small.LoadFile(dir.Write(L"h", std::string(mib + mib / 2, 'y')).c_str(), 0, nullptr), 1);
+    small.Unload();
+    ASSERT_EQ(large.LoadFile(dir.File(L"g").c_str(), 0, nullptr), 1);
+    EXPECT_TRUE(std::string(reinterpret_cast<const char*>(large.GetData()), large.GetNumBytes()) == std::string(3 * mib, 'x'));
 }
 
 TEST(FileHash, Adler32MatchesZlibOverLengthsAndAlignments)
