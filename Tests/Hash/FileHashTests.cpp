@@ -99,7 +99,8 @@ TEST(FileHash, CallersHandleIsReadFromItsPositionAndLeftOpen)
     EXPECT_TRUE(std::string(reinterpret_cast<const char*>(copy.GetData()), mib) == content.substr(mib));
 
     // A kept block too small for the next load is not used for it.
-    QXCommon::CDataLoader small, large;
+    QXCommon::CDataLoader holder, small, large;
+    ASSERT_EQ(holder.LoadFile(dir.File(L"g").c_str(), 0, nullptr), 1); // holds the block kept so far
     ASSERT_EQ(small.LoadFile(dir.Write(L"h", std::string(mib + mib / 2, 'y')).c_str(), 0, nullptr), 1);
     small.Unload();
     ASSERT_EQ(large.LoadFile(dir.File(L"g").c_str(), 0, nullptr), 1);
