@@ -9,16 +9,6 @@ DWORD HashStrategyShaCacheHelper::_TLSIndex = TLS_OUT_OF_INDEXES;
 
 HashStrategyShaCacheHelper::~HashStrategyShaCacheHelper() = default;
 
-bool HashStrategyShaCacheHelper::Initialize(void*)
-{
-    return CreateSharedContext() != FALSE;
-}
-
-void HashStrategyShaCacheHelper::Terminate(void*)
-{
-    DestroySharedContext();
-}
-
 BOOL HashStrategyShaCacheHelper::InitTLS()
 {
     const char* const function = "QXCommon::HashStrategyShaCacheHelper::InitTLS";

@@ -124,14 +124,12 @@ TEST(HashCache, WorkerThreadsHashDifferentFilesAtOnce)
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
-            HashStrategyShaCacheHelper helper;
-            CQXPoolWorkerTLS& hook = helper;
-            ASSERT_TRUE(hook.Initialize(nullptr));
+            ASSERT_TRUE(HashStrategyShaCacheHelper::CreateSharedContext());
             EXPECT_NE(HashStrategyShaCacheHelper::GetSharedContext(), 0u);
             for (int round = 0; round < 10; ++round)
                 for (size_t k = t; k < paths.size() + t; ++k)
                     EXPECT_EQ(QXCommonFunctions::GenerateFileHash(paths[k % paths.size()]), expected[k % paths.size()]);
-            hook.Terminate(nullptr);
+            EXPECT_TRUE(HashStrategyShaCacheHelper::DestroySharedContext());
             EXPECT_EQ(HashStrategyShaCacheHelper::GetSharedContext(), 0u);
         });
     for (auto& thread : threads)

@@ -5,8 +5,10 @@
 // CreateSharedContext at the start and DestroySharedContext at the end of
 // each worker thread (exactly once each: a second CreateSharedContext
 // replaces the first provider without releasing it), and UninitTLS at
-// shutdown. As a pool-worker hook, Initialize and Terminate do the
-// per-thread part.
+// shutdown. It derives from the pool-worker hook and keeps the hook's
+// Initialize and Terminate as they are: a pool that wants the per-thread
+// provider calls CreateSharedContext and DestroySharedContext from its own
+// worker start and end.
 
 #include "QXCommonAPI.h"
 
@@ -22,11 +24,6 @@ public:
     HashStrategyShaCacheHelper(const HashStrategyShaCacheHelper&) = default;
     HashStrategyShaCacheHelper& operator=(const HashStrategyShaCacheHelper&) = default;
     ~HashStrategyShaCacheHelper() override;
-
-    // CreateSharedContext on the calling thread (context unused).
-    bool Initialize(void* context) override;
-    // DestroySharedContext on the calling thread (context unused).
-    void Terminate(void* context) override;
 
     // Allocates the slot unless it is allocated. 0 when TlsAlloc fails.
     static BOOL InitTLS();
