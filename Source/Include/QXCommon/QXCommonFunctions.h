@@ -99,3 +99,16 @@ QXCOMMON_API bool TokenHasMembership(const ATL::CAccessToken& token, const std::
 // management group (S-1-5-21-612037418-213544074-8-1-0-0).
 QXCOMMON_API bool IsProcessURMed(DWORD processId);
 } // namespace QXCommonFunctions
+
+namespace QXCommonFunctions
+{
+// ---- File hash --------------------------------------------------------------
+
+// The hash that identifies the file: the digest of its first 8 MiB
+// (8,388,608 bytes) with the process's algorithm (SignatureAlgorithmStrategy),
+// SHA-1 and SHA-256 as lower-case and Adler-32 as upper-case hex text. Empty
+// when no algorithm is set or the file cannot be read (the thread's last
+// error then tells why). The C export CalculateAdler32Checksum is declared
+// in SignatureAlgorithmStrategy.h.
+QXCOMMON_API std::wstring GenerateFileHash(const std::wstring& path);
+} // namespace QXCommonFunctions
