@@ -127,17 +127,13 @@ TEST(CSid, TextFormsMatchTheSystem)
     EXPECT_NE(ATL::Sids::Admins(), ATL::Sids::Users());
     EXPECT_TRUE(ATL::Sids::Admins().EqualPrefix(ATL::Sids::Users()));
     EXPECT_TRUE(ATL::Sids::Admins() < ATL::Sids::Users() || ATL::Sids::Users() < ATL::Sids::Admins());
-    for (const wchar_t* text : {L"S-1-5-21-4294967295-1-2-1001", L"S-1-16-12288", L"S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15"})
-    {
-        PSID sid = nullptr;
-        ASSERT_TRUE(ConvertStringSidToSidW(text, &sid)) << QXTest::Narrow(text);
-        ATL::CSid csid(*static_cast<SID*>(sid)), assigned;
-        assigned = ATL::CSid(csid);
-        EXPECT_EQ(std::wstring(csid.Sid()), text);
-        EXPECT_TRUE(EqualSid(sid, const_cast<SID*>(csid.GetPSID())) && assigned == csid);
-        EXPECT_EQ(assigned.GetSubAuthorityCount(), *GetSidSubAuthorityCount(sid));
-        LocalFree(sid);
-    }
+    PSID system = nullptr; // the largest sub-authorities and count the system's conversion makes
+    ASSERT_TRUE(ConvertStringSidToSidW(L"S-1-5-4294967295-1-2-3-4-5-6-7-8-9-10-11-12-13-14", &system));
+    ATL::CSid csid(*static_cast<SID*>(system)), assigned;
+    assigned = ATL::CSid(csid);
+    EXPECT_STREQ(assigned.Sid(), L"S-1-5-4294967295-1-2-3-4-5-6-7-8-9-10-11-12-13-14");
+    EXPECT_TRUE(EqualSid(system, const_cast<SID*>(csid.GetPSID())) && assigned == csid && csid.GetSubAuthorityCount() == 15);
+    LocalFree(system);
     // An authority above 32 bits is written in hex; a SID may have no sub-authority.
     // (Wine's own conversion gets both wrong, so the texts are written out.)
     SID_IDENTIFIER_AUTHORITY large = {{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC}}, justFits = {{0, 0, 0xFF, 0xFF, 0xFF, 0xFF}};
@@ -166,14 +162,9 @@ TEST(CSid, EmptySidBadInputAndAccountLookup)
     ATL::CSid user, admins;
     ASSERT_TRUE(token.GetProcessToken(TOKEN_QUERY) && token.GetUser(&user));
     const std::wstring name = user.AccountName();
-    wchar_t userName[256] = {};
-    DWORD size = 256;
-    ASSERT_TRUE(GetUserNameW(userName, &size));
-    EXPECT_TRUE(_wcsicmp(name.c_str(), userName) == 0 && user.SidNameUse() == SidTypeUser);
     ATL::CSid looked;
     ASSERT_TRUE(looked.LoadAccount((std::wstring(user.Domain()) + L"\\" + name).c_str())) << GetLastError();
-    EXPECT_EQ(looked, user) << QXTest::Narrow(looked.Sid()) << " vs " << QXTest::Narrow(user.Sid());
-    EXPECT_STREQ(looked.AccountName(), name.c_str());
+    EXPECT_TRUE(looked == user && looked.AccountName() == name && user.SidNameUse() == SidTypeUser) << QXTest::Narrow(name);
     // A SID that names no account loads; only its name stays empty.
     ATL::CSid unknown(ATL::CSid(ATL::Detail::SidAuthority(5), 4, DWORD(21), DWORD(1), DWORD(2), DWORD(3)).GetPSID());
     EXPECT_TRUE(unknown.IsValid() && *unknown.AccountName() == 0);
@@ -245,10 +236,9 @@ TEST(CAccessToken, ImpersonateAndRevertOnCurrentThread)
     ATL::CSid processUser, threadUser;
     ASSERT_TRUE(process.GetUser(&processUser));
     // The current thread by default, then through an explicit handle to it.
-    HANDLE self = nullptr;
-    DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &self, 0, FALSE, DUPLICATE_SAME_ACCESS);
-    ATL::CHandle selfGuard(self);
-    for (HANDLE target : {HANDLE(nullptr), self})
+    ATL::CHandle self;
+    DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &self.m_h, 0, 0, DUPLICATE_SAME_ACCESS);
+    for (HANDLE target : {HANDLE(nullptr), self.m_h})
     {
         ASSERT_TRUE(target ? process.Impersonate(target) : process.Impersonate()) << GetLastError();
         ASSERT_TRUE(thread.GetThreadToken(TOKEN_QUERY) && thread.GetUser(&threadUser)) << GetLastError();

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <aclapi.h>
+
 #include <cstring>
 #include <string>
 
@@ -132,20 +134,26 @@ TEST(NTImage, MissingPathsAndFolders)
                                                std::to_wstring(openError) + L"].\n")) << capture.Dump();
 }
 
-// A delete-pending file, kept alive by a read-only handle (which does not
-// clash with the check's sharing mode), can no longer be opened.
+// A file whose DACL grants nobody anything (put back before the folder goes).
 TEST(NTImage, UnreadableFileIsAccessRestricted)
 {
     QXTest::TempDir dir;
-    std::wstring path = dir.Write(L"pending.exe", Image(0x200, 0x40, 0x40));
-    const DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    ATL::CHandle holder(CreateFileW(path.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
-    ATL::CHandle deleter(CreateFileW(path.c_str(), DELETE, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
-    FILE_DISPOSITION_INFO disposition = {TRUE};
-    ASSERT_TRUE(SetFileInformationByHandle(deleter, FileDispositionInfo, &disposition, sizeof(disposition)));
-    deleter.Close();
+    struct DaclRestorer
+    {
+        std::wstring path;
+        ~DaclRestorer()
+        {
+            SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION |
+                                  UNPROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr, nullptr, nullptr);
+        }
+    } restorer{dir.Write(L"denied.exe", Image(0x200, 0x40, 0x40))};
+    const std::wstring& path = restorer.path;
+    ACL empty = {};
+    ASSERT_TRUE(InitializeAcl(&empty, sizeof(empty), ACL_REVISION));
+    SetNamedSecurityInfoW(restorer.path.data(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION |
+                          PROTECTED_DACL_SECURITY_INFORMATION, nullptr, nullptr, &empty, nullptr);
     if (OpenErrorOf(path) != ERROR_ACCESS_DENIED)
-        GTEST_SKIP() << "a delete-pending file opens here (error " << OpenErrorOf(path) << ")";
+        GTEST_SKIP() << "a file with an empty DACL opens here (error " << OpenErrorOf(path) << ")";
     QXTest::LogCapture capture;
     BOOL isNTExe = FALSE;
     EXPECT_EQ(TryCheckIsNTExe(path, isNTExe), static_cast<DWORD>(ERROR_ACCESS_DENIED));
@@ -164,5 +172,5 @@ TEST(NTImage, UnreadableFileIsAccessRestricted)
     EXPECT_EQ(answer, 0);
     EXPECT_LOGGED(capture, 1, Restricted, L"Unable to check file attributes of [" + path + L"]. Error [" +
                                               std::to_wstring(attributesError) + L"].\n");
-    std::printf("The attributes of a delete-pending file cannot be read here (error %lu)\n", attributesError);
+    std::printf("The attributes of an unreadable file cannot be read here (error %lu)\n", attributesError);
 }

@@ -2,6 +2,7 @@
 
 #include <atlbase.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <stdexcept>
@@ -12,16 +13,16 @@ namespace
 {
 std::atomic<unsigned> g_counter{0};
 
-void Check(bool ok, const std::string& what)
+// A failed step of a test's setup ends the test with its reason.
+void Check(bool ok, const std::string& what, DWORD error = GetLastError())
 {
     if (!ok)
-        throw std::runtime_error(what + " failed - error " + std::to_string(GetLastError()));
+        throw std::runtime_error(what + " failed - error " + std::to_string(error));
 }
 
 void Check(LONG status, const std::string& what)
 {
-    SetLastError(static_cast<DWORD>(status));
-    Check(status == ERROR_SUCCESS, what);
+    Check(status == ERROR_SUCCESS, what, static_cast<DWORD>(status));
 }
 
 std::wstring Unique(const std::wstring& prefix)
@@ -66,10 +67,8 @@ void LogCapture::Clear()
 
 bool LogCapture::Any(const std::function<bool(const LogEntry&)>& test) const
 {
-    for (const auto& e : Entries())
-        if (test(e))
-            return true;
-    return false;
+    const auto entries = Entries();
+    return std::any_of(entries.begin(), entries.end(), test);
 }
 
 bool LogCapture::Has(int level, const std::string& function, const std::wstring& text) const

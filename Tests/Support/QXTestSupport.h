@@ -19,8 +19,7 @@
 
 namespace QXTest
 {
-// What owns a resource is not copied.
-struct NoCopy
+struct NoCopy // what owns a resource is not copied
 {
     NoCopy() = default;
     NoCopy(const NoCopy&) = delete;
@@ -64,8 +63,7 @@ private:
     mutable std::mutex m_mutex;
     std::vector<LogEntry> m_entries;
     bool m_previousDebugger;
-    void* m_previousContext;
-    void* m_previousSink;
+    void *m_previousContext, *m_previousSink;
 };
 
 // A folder under %TEMP%, removed with everything in it on destruction.
@@ -138,8 +136,7 @@ struct ProcessResult
 {
     DWORD exitCode = 0xFFFFFFFF;
     std::string output; // standard output and standard error, as bytes
-    bool started = false;
-    bool timedOut = false;
+    bool started = false, timedOut = false;
 };
 
 // The folder of the running test executable (helper programs live there).

@@ -202,7 +202,7 @@ TEST(Inspect, CommandsAndExitCodes)
     const std::string root = QXTest::Narrow(systemRoot);
     std::string escaped; // the regex form escapes the folder's characters
     for (char ch : root)
-        escaped += (std::string("\\*+()[.^-?{}$|!").find(ch) != std::string::npos ? "\\" : "") + std::string(1, ch);
+        escaped.append(std::string("\\*+()[.^-?{}$|!").find(ch) != std::string::npos ? "\\" : "").push_back(ch);
     QXTest::TempDir dir;
     const std::wstring text = L"\"" + dir.Write(L"notes.txt", "just text, no headers at all") + L"\"";
     struct Case { std::wstring arguments; DWORD exitCode; std::vector<std::string> fragments; };

@@ -99,14 +99,10 @@ TEST(Guid, NewGuidsTheirTextAndEquality)
         QXCommon::CGuid guid;
         ASSERT_TRUE(guid.CreateNew());
         const std::wstring text = k % 2 ? guid.ToString() : QXCommon::CGuid::CreateNewAsString();
-        ASSERT_EQ(text.size(), 38u);
-        EXPECT_TRUE(text.front() == L'{' && text.back() == L'}');
-        EXPECT_EQ(text.find_first_of(L"abcdef"), std::wstring::npos) << QXTest::Narrow(text); // upper-case hex only
-        EXPECT_TRUE(seen.insert(text).second);
-        CLSID parsed = {};
-        ASSERT_EQ(CLSIDFromString(text.c_str(), &parsed), S_OK);
-        EXPECT_TRUE(k % 2 == 0 || QXCommon::CGuid(parsed) == guid);
-        EXPECT_FALSE(guid == QXCommon::CGuid());
+        CLSID parsed = {}; // braced, upper-case hex only, new each time
+        EXPECT_TRUE(text.size() == 38u && text.find_first_of(L"abcdef") == text.npos && seen.insert(text).second &&
+                    CLSIDFromString(text.c_str(), &parsed) == S_OK) << QXTest::Narrow(text);
+        EXPECT_TRUE((k % 2 == 0 || QXCommon::CGuid(parsed) == guid) && !(guid == QXCommon::CGuid()));
     }
     const GUID g1 = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
     GUID g2 = g1;
