@@ -196,9 +196,16 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     PROCESS_INFORMATION pi{};
     std::wstring mutableLine = commandLine;
-    if (output == INVALID_HANDLE_VALUE || !CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0,
-                                                          nullptr, nullptr, &si, &pi))
+    // A start that fails on a loaded machine is tried again.
+    bool created = false;
+    for (int attempt = 0; attempt < 3 && !created && output != INVALID_HANDLE_VALUE; ++attempt)
+        created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi) ||
+                  (Sleep(100), false);
+    if (!created)
+    {
+        result.output = "not started - error " + std::to_string(GetLastError());
         return result;
+    }
     ATL::CHandle process(pi.hProcess), mainThread(pi.hThread);
     result.started = true;
     if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT)
