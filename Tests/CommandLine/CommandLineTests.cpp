@@ -143,10 +143,10 @@ TEST(ExpandArgs, CutsAndJoinsArguments)
         {L"\"q,r\",s", {L"q,r", L"s"}, L"\"q,r\" s"},
         {L"\"abc d", {L"abc d"}, L"\"abc d\""},           // unbalanced: runs to the end
         {L"\"a\"b\" c", {L"a\"b", L"c"}, L"a\"b c"},       // inner quote not followed by a separator
-        {L"\"a\"b c\" d", {L"a\"b c", L"d"}, L"a\"b c d"}, // holds a quote: left unquoted
+        {L"\"a\"b c\" d", {L"a\"b c", L"d"}, L"\"a\"b c\" d"}, // quoted again: a quote inside stays
         {L"\"\" x", {L"", L"x"}, L" x"},
         {L"x\"y z\"", {L"x\"y", L"z\""}, L"x\"y z\""},     // a quote inside an unquoted argument is text
-        {L"", {}, L""}, {L"   ", {L"", L"", L""}, L"  "}, {L",", {L""}, L""},
+        {L"", {}, L""}, {L"   ", {L"", L"", L""}, L"  \"\""}, // an empty last argument is kept {L",", {L""}, L"\"\""},
     };
     for (const Case& c : cases)
     {
@@ -216,7 +216,7 @@ TEST(ExpandArgs, ProgramsOnTheSearchPathBecomeFullPaths)
     std::wstring huge(65536, L'a');
     huge[100] = L'.';
     EXPECT_EQ(Expand(huge), huge);
-    EXPECT_EQ(Expand(std::wstring(65536, L',')), std::wstring(65535, L' '));
+    EXPECT_EQ(Expand(std::wstring(65536, L',')), std::wstring(65535, L' ') + L"\"\"");
 }
 
 TEST(ExpandArgs, FileInFolderWithBlanksOnPathStaysOneArgument)

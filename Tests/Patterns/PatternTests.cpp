@@ -439,13 +439,14 @@ TEST(CQXRegEx, InvalidRuleExpressionAndFailedMatchAreLogged)
     EXPECT_LOGGED(capture, 1, "QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern",
                   L"Regular Expression [ (abc ] is invalid. Cannot be parsed to match [ C:\\x.exe ]. Parse error=[ " +
                       std::to_wstring(static_cast<int>(std::regex_constants::error_paren)) + L" ]\n");
-    // A back-referencing expression on a text too long for backtracking.
+    // A back-referencing expression that explodes: stopped by its budget.
     CQXRegEx regex;
-    ASSERT_TRUE(regex.Parse(L"(a)\\1"));
-    EXPECT_FALSE(regex.Match(std::wstring(300, L'a')));
+    ASSERT_TRUE(regex.Parse(L"^(.|.)*\\1!$"));
+    EXPECT_FALSE(regex.Match(std::wstring(28, L'x')));
     EXPECT_LOGGED(capture, 1, "QXCommon::RegExHelpers::CQXRegEx::Match",
-                  L"Regex Match Failed, error " + std::to_wstring(static_cast<int>(std::regex_constants::error_stack)));
-    EXPECT_TRUE(regex.Match(std::wstring(256, L'a')));
+                  L"Regex Match Failed, error " + std::to_wstring(static_cast<int>(std::regex_constants::error_complexity)));
+    ASSERT_TRUE(regex.Parse(L"(a)\\1"));
+    EXPECT_TRUE(regex.Match(std::wstring(300, L'a')));
 }
 
 namespace
@@ -500,11 +501,12 @@ TEST(RegExBounds, SmallStackLongTextsAndExplodingExpressions)
         {L"^(?:a?){500}$", std::wstring(400, L'a'), 0},
         {Repeat(L"(", 64) + L"a" + Repeat(L")", 64) + L"+b", std::wstring(32766, L'a') + L"b", 0},
         {Repeat(L"a", 2048), std::wstring(3000, L'a'), 0}, {L"(\\w+)\\\\\\1", L"c:\\windows\\windows", 0},
-        // Program size times text length beyond the step budget: stopped, no match.
-        {Repeat(L"a", 2048), std::wstring(30000, L'a'), 1}, {L"(a)\\1", std::wstring(5000, L'a'), 1},
+        // A search stops at its first match, well inside the step budget.
+        {Repeat(L"a", 2048), std::wstring(30000, L'a'), 0}, {L"(a)\\1", std::wstring(5000, L'a'), 0},
         {L"^(.|.)*\\1!$", std::wstring(28, L'x'), 1}, {Repeat(L"(", 20000) + Repeat(L")", 20000), L"", 1},
-        // The largest program the state limit lets through, backtracking over the longest text it is given.
-        {L"^(?:a?){700}(a)\\1$", a256, 0}, {L"^(?:a?){700}(a)\\1b$", a256, 1},
+        // The largest program the state limit lets through, backtracking over the longest text it is
+        // given: stopped by the step budget.
+        {L"^(?:a?){700}(a)\\1$", a256, 1}, {L"^(?:a?){700}(a)\\1b$", a256, 1},
     };
     // All at once: each search keeps its own step budget and gets its own answer.
     std::vector<SmallStackSearch> searches;

@@ -22,3 +22,11 @@
 #include "ExpandArgs.h"
 #include "QXEnvironmentVars.h"
 #include "QXEnvironmentVars_ProcessEnv.h"
+
+#include "ChecksumStrategyAdler32.h"
+#include "DataLoader.h"
+#include "HashStrategy.h"
+#include "HashStrategySha.h"
+#include "HashStrategyShaCacheHelper.h"
+#include "SignatureAlgorithm.h"
+#include "SignatureAlgorithmStrategy.h"

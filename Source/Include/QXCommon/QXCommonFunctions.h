@@ -52,3 +52,16 @@ QXCOMMON_API DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe);
 // read by the caller; 0 otherwise.
 QXCOMMON_API int IsNTExeOrAccessRestricted(const std::wstring& path);
 } // namespace QXCommonFunctions
+
+namespace QXCommonFunctions
+{
+// ---- File hash --------------------------------------------------------------
+
+// The hash that identifies the file: the digest of its first 8 MiB
+// (8,388,608 bytes) with the process's algorithm (SignatureAlgorithmStrategy),
+// SHA-1 and SHA-256 as lower-case and Adler-32 as upper-case hex text. Empty
+// when no algorithm is set or the file cannot be read (the thread's last
+// error then tells why). The C export CalculateAdler32Checksum is declared
+// in SignatureAlgorithmStrategy.h.
+QXCOMMON_API std::wstring GenerateFileHash(const std::wstring& path);
+} // namespace QXCommonFunctions
