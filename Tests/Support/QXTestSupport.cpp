@@ -1,14 +1,36 @@
 #include "QXTestSupport.h"
 
-#include "QXDbgLog.h"
-
 #include <atlbase.h>
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <stdexcept>
 
 namespace QXTest
 {
+namespace
+{
+std::atomic<unsigned> g_counter{0};
+
+// A failed step of a test's setup ends the test with its reason.
+void Check(bool ok, const std::string& what, DWORD error = GetLastError())
+{
+    if (!ok)
+        throw std::runtime_error(what + " failed - error " + std::to_string(error));
+}
+
+void Check(LONG status, const std::string& what)
+{
+    Check(status == ERROR_SUCCESS, what, static_cast<DWORD>(status));
+}
+
+std::wstring Unique(const std::wstring& prefix)
+{
+    return prefix + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter);
+}
+} // namespace
+
 LogCapture::LogCapture()
 {
     CQXDbgManager* manager = GetDbgManager();
@@ -19,22 +41,16 @@ LogCapture::LogCapture()
 
 LogCapture::~LogCapture()
 {
-    CQXDbgManager* manager = GetDbgManager();
-    manager->SetDebuggerOutput(m_previousDebugger);
-    manager->SetSink(reinterpret_cast<QXDbgLogSink>(m_previousSink), m_previousContext);
+    GetDbgManager()->SetDebuggerOutput(m_previousDebugger);
+    GetDbgManager()->SetSink(reinterpret_cast<QXDbgLogSink>(m_previousSink), m_previousContext);
 }
 
 void LogCapture::Sink(void* context, const QXDbgLogRecord& record)
 {
     auto* self = static_cast<LogCapture*>(context);
-    LogEntry entry;
-    entry.level = record.level;
-    entry.file = record.file != nullptr ? record.file : "";
-    entry.line = record.line;
-    entry.function = record.function != nullptr ? record.function : "";
-    entry.text = record.message != nullptr ? record.message : L"";
     std::lock_guard<std::mutex> guard(self->m_mutex);
-    self->m_entries.push_back(std::move(entry));
+    self->m_entries.push_back({record.level, record.file ? record.file : "", record.line,
+                               record.function ? record.function : "", record.message ? record.message : L""});
 }
 
 std::vector<LogEntry> LogCapture::Entries() const
@@ -49,236 +65,149 @@ void LogCapture::Clear()
     m_entries.clear();
 }
 
-size_t LogCapture::Count() const
+bool LogCapture::Any(const std::function<bool(const LogEntry&)>& test) const
 {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    return m_entries.size();
-}
-
-bool LogCapture::Has(const std::wstring& text) const
-{
-    std::lock_guard<std::mutex> guard(m_mutex);
-    for (const auto& e : m_entries)
-        if (e.text == text)
-            return true;
-    return false;
-}
-
-bool LogCapture::Has(const std::string& function, const std::wstring& text) const
-{
-    std::lock_guard<std::mutex> guard(m_mutex);
-    for (const auto& e : m_entries)
-        if (e.function == function && e.text == text)
-            return true;
-    return false;
+    const auto entries = Entries();
+    return std::any_of(entries.begin(), entries.end(), test);
 }
 
 bool LogCapture::Has(int level, const std::string& function, const std::wstring& text) const
 {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    for (const auto& e : m_entries)
-        if (e.level == level && e.function == function && e.text == text)
-            return true;
-    return false;
-}
-
-bool LogCapture::HasFragment(const std::wstring& fragment) const
-{
-    std::lock_guard<std::mutex> guard(m_mutex);
-    for (const auto& e : m_entries)
-        if (e.text.find(fragment) != std::wstring::npos)
-            return true;
-    return false;
+    return Any([&](auto& e) { return (level < 0 || e.level == level) && e.function == function && e.text == text; });
 }
 
 std::string LogCapture::Dump() const
 {
-    std::lock_guard<std::mutex> guard(m_mutex);
     std::string out;
-    for (const auto& e : m_entries)
+    for (const auto& e : Entries())
         out += "  L" + std::to_string(e.level) + " " + e.file + "(" + std::to_string(e.line) + ") " + e.function +
                ": " + Narrow(e.text) + (e.text.empty() || e.text.back() != L'\n' ? "\n" : "");
     return out;
 }
 
-namespace
-{
-std::atomic<unsigned> g_counter{0};
-
-void DeleteTree(const std::wstring& path)
-{
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE)
-    {
-        do
-        {
-            std::wstring name = data.cFileName;
-            if (name == L"." || name == L"..")
-                continue;
-            std::wstring child = path + L"\\" + name;
-            SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                DeleteTree(child);
-            else
-                DeleteFileW(child.c_str());
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
-    }
-    RemoveDirectoryW(path.c_str());
-}
-} // namespace
-
 TempDir::TempDir()
 {
-    wchar_t temp[MAX_PATH + 1];
-    DWORD n = GetTempPathW(MAX_PATH + 1, temp);
-    if (n == 0 || n > MAX_PATH)
-        throw std::runtime_error("GetTempPathW failed");
-    std::wstring base(temp, n);
-    if (!base.empty() && base.back() == L'\\')
-        base.pop_back();
-    for (;;)
-    {
-        m_path = base + L"\\qxtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter);
-        if (CreateDirectoryW(m_path.c_str(), nullptr))
-            break;
-        if (GetLastError() != ERROR_ALREADY_EXISTS)
-            throw std::runtime_error("CreateDirectoryW failed");
-    }
+    do
+        m_path = Unique((std::filesystem::temp_directory_path() / L"qxtest-").wstring());
+    while (!CreateDirectoryW(m_path.c_str(), nullptr) && GetLastError() == ERROR_ALREADY_EXISTS);
+    Check(GetFileAttributesW(m_path.c_str()) != INVALID_FILE_ATTRIBUTES, "CreateDirectoryW");
 }
 
 TempDir::~TempDir()
 {
-    DeleteTree(m_path);
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
 }
 
 std::wstring TempDir::Write(const std::wstring& name, const std::string& bytes) const
 {
     std::wstring path = File(name);
-    HANDLE opened = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (opened == INVALID_HANDLE_VALUE)
-        throw std::runtime_error("CreateFileW failed for " + Narrow(path));
-    ATL::CHandle file(opened);
+    HANDLE raw = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    Check(raw != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
+    ATL::CHandle file(raw);
     DWORD written = 0;
-    BOOL ok = bytes.empty() || WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-    if (!ok)
-        throw std::runtime_error("WriteFile failed for " + Narrow(path));
+    Check(bytes.empty() || WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr),
+          "WriteFile " + Narrow(path));
     return path;
 }
 
 std::wstring TempDir::MakeDir(const std::wstring& name) const
 {
     std::wstring path = File(name);
-    if (!CreateDirectoryW(path.c_str(), nullptr) && GetLastError() != ERROR_ALREADY_EXISTS)
-        throw std::runtime_error("CreateDirectoryW failed for " + Narrow(path));
+    Check(CreateDirectoryW(path.c_str(), nullptr) || GetLastError() == ERROR_ALREADY_EXISTS, "CreateDirectoryW");
     return path;
 }
 
 TestRegKey::TestRegKey(HKEY root, const std::wstring& parent) : m_root(root), m_key(nullptr)
 {
-    m_subKey = parent + L"\\" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter);
-    LONG res = RegCreateKeyExW(root, m_subKey.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                               &m_key, nullptr);
-    if (res != ERROR_SUCCESS)
-        throw std::runtime_error("RegCreateKeyExW failed: " + std::to_string(res));
+    m_subKey = Unique(parent + L"\\");
+    Check(RegCreateKeyExW(root, m_subKey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr),
+          "RegCreateKeyExW");
 }
 
 TestRegKey::~TestRegKey()
 {
-    if (m_key != nullptr)
-        RegCloseKey(m_key);
+    RegCloseKey(m_key);
     RegDeleteTreeW(m_root, m_subKey.c_str());
     RegDeleteKeyW(m_root, m_subKey.c_str());
 }
 
 void TestRegKey::SetRaw(const std::wstring& name, DWORD type, const void* data, DWORD bytes) const
 {
-    LONG res = RegSetValueExW(m_key, name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes);
-    if (res != ERROR_SUCCESS)
-        throw std::runtime_error("RegSetValueExW failed: " + std::to_string(res));
-}
-
-void TestRegKey::SetString(const std::wstring& name, const std::wstring& value, DWORD type) const
-{
-    SetRaw(name, type, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-}
-
-void TestRegKey::SetDword(const std::wstring& name, DWORD value) const
-{
-    SetRaw(name, REG_DWORD, &value, sizeof value);
+    Check(RegSetValueExW(m_key, name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes), "RegSetValueExW");
 }
 
 void TestRegKey::CreateSubKey(const std::wstring& name) const
 {
-    HKEY key = nullptr;
-    LONG res = RegCreateKeyExW(m_key, name.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS, nullptr,
-                               &key, nullptr);
-    if (res != ERROR_SUCCESS)
-        throw std::runtime_error("RegCreateKeyExW failed: " + std::to_string(res));
-    RegCloseKey(key);
+    ATL::CRegKey key;
+    Check(key.Create(m_key, name.c_str()), "RegCreateKeyExW");
+}
+
+SavedRegValue::SavedRegValue(HKEY root, const std::wstring& subKey, const std::wstring& name)
+    : m_root(root), m_subKey(subKey), m_name(name)
+{
+    ATL::CRegKey key;
+    m_keyExisted = key.Open(m_root, m_subKey.c_str(), KEY_READ) == ERROR_SUCCESS;
+    DWORD bytes = 0;
+    if (!m_keyExisted || RegQueryValueExW(key, m_name.c_str(), nullptr, &m_type, nullptr, &bytes) != ERROR_SUCCESS)
+        return;
+    m_data.resize(bytes);
+    m_valueExisted = RegQueryValueExW(key, m_name.c_str(), nullptr, &m_type, m_data.data(), &bytes) == ERROR_SUCCESS;
+}
+
+SavedRegValue::~SavedRegValue()
+{
+    if (!m_keyExisted)
+        RegDeleteTreeW(m_root, m_subKey.c_str());
+    else
+        Set(m_valueExisted ? m_type : REG_NONE, m_data.data(), static_cast<DWORD>(m_data.size()));
+}
+
+bool SavedRegValue::Set(DWORD type, const void* data, DWORD bytes) const
+{
+    ATL::CRegKey key;
+    if (key.Create(m_root, m_subKey.c_str()) != ERROR_SUCCESS)
+        return false;
+    if (type == REG_NONE)
+        return key.DeleteValue(m_name.c_str()) != ERROR_ACCESS_DENIED;
+    return RegSetValueExW(key, m_name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes) == ERROR_SUCCESS;
 }
 
 std::wstring ModuleDir()
 {
     wchar_t path[32768];
-    DWORD n = GetModuleFileNameW(nullptr, path, 32768);
-    std::wstring dir(path, n);
-    size_t slash = dir.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? std::wstring(L".") : dir.substr(0, slash);
-}
-
-std::wstring HelperPath(const std::wstring& exeName)
-{
-    return ModuleDir() + L"\\" + exeName;
+    std::wstring dir(path, GetModuleFileNameW(nullptr, path, 32768));
+    return dir.substr(0, dir.find_last_of(L"\\/"));
 }
 
 ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
 {
+    // The child writes its standard output and error into a temporary file
+    // that goes with the last handle: no pipe it could fill, no reader thread.
     ProcessResult result;
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
-    HANDLE readEnd = nullptr;
-    HANDLE writeEnd = nullptr;
-    if (!CreatePipe(&readEnd, &writeEnd, &sa, 0))
-        return result;
-    ATL::CHandle readPipe(readEnd);
-    ATL::CHandle writePipe(writeEnd);
-    SetHandleInformation(readPipe, HANDLE_FLAG_INHERIT, 0);
-
+    const std::wstring outputPath = Unique((std::filesystem::temp_directory_path() / L"qxout-").wstring());
+    ATL::CHandle output(CreateFileW(outputPath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE
+                                    | FILE_SHARE_DELETE, &sa, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
     STARTUPINFOW si{};
     si.cb = sizeof si;
     si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = writePipe;
-    si.hStdError = writePipe;
+    si.hStdOutput = si.hStdError = output;
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     PROCESS_INFORMATION pi{};
     std::wstring mutableLine = commandLine;
-    BOOL created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-    // Only the child may hold the write end now, so that the reader sees the end of its output.
-    writePipe.Close();
+    // A start that fails on a loaded machine is tried again.
+    bool created = false;
+    for (int attempt = 0; attempt < 3 && !created && output != INVALID_HANDLE_VALUE; ++attempt)
+        created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi) ||
+                  (Sleep(100), false);
     if (!created)
-        return result;
-    ATL::CHandle process(pi.hProcess);
-    ATL::CHandle mainThread(pi.hThread);
-    result.started = true;
-
-    // Read on a second thread so that a child writing much cannot block on a full pipe.
-    struct Reader
     {
-        HANDLE pipe;
-        std::string data;
-        static DWORD WINAPI Run(void* p)
-        {
-            auto* self = static_cast<Reader*>(p);
-            char buffer[4096];
-            DWORD got = 0;
-            while (ReadFile(self->pipe, buffer, sizeof buffer, &got, nullptr) && got > 0)
-                self->data.append(buffer, got);
-            return 0;
-        }
-    } reader{readPipe, {}};
-    ATL::CHandle thread(CreateThread(nullptr, 0, &Reader::Run, &reader, 0, nullptr));
-
+        result.output = "not started - error " + std::to_string(GetLastError());
+        return result;
+    }
+    ATL::CHandle process(pi.hProcess), mainThread(pi.hThread);
+    result.started = true;
     if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT)
     {
         result.timedOut = true;
@@ -286,9 +215,11 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
         WaitForSingleObject(process, 5000);
     }
     GetExitCodeProcess(process, &result.exitCode);
-    if (thread != nullptr)
-        WaitForSingleObject(thread, 10000);
-    result.output = std::move(reader.data);
+    char buffer[65536];
+    DWORD got = 0;
+    SetFilePointer(output, 0, nullptr, FILE_BEGIN);
+    while (ReadFile(output, buffer, sizeof buffer, &got, nullptr) && got > 0)
+        result.output.append(buffer, got);
     return result;
 }
 
@@ -298,23 +229,63 @@ uintptr_t NextHandleSlot()
     return reinterpret_cast<uintptr_t>(static_cast<HANDLE>(probe));
 }
 
+namespace
+{
+void WriteEntry(void** entry, void* value)
+{
+    DWORD protect = 0;
+    if (VirtualProtect(entry, sizeof(void*), PAGE_READWRITE, &protect))
+    {
+        *entry = value;
+        VirtualProtect(entry, sizeof(void*), protect, &protect);
+    }
+}
+} // namespace
+
+ImportPatch::ImportPatch(const wchar_t* module, const char* dll, const char* function, void* replacement)
+{
+    auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(module));
+    if (base == nullptr)
+        return;
+    auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+    const IMAGE_DATA_DIRECTORY& imports = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    for (auto* import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports.VirtualAddress);
+         imports.VirtualAddress != 0 && import->Name != 0; ++import)
+    {
+        if (_stricmp(reinterpret_cast<const char*>(base + import->Name), dll) != 0)
+            continue;
+        auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
+        auto* addresses = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->FirstThunk);
+        for (; names->u1.AddressOfData != 0; ++names, ++addresses)
+            if (!IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal) &&
+                strcmp(reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name, function) == 0)
+            {
+                m_original = reinterpret_cast<void*>(addresses->u1.Function);
+                m_entries.push_back(reinterpret_cast<void**>(&addresses->u1.Function));
+                WriteEntry(m_entries.back(), replacement);
+            }
+    }
+}
+
+ImportPatch::~ImportPatch()
+{
+    for (void** entry : m_entries)
+        WriteEntry(entry, m_original);
+}
+
 std::string Narrow(const std::wstring& text)
 {
-    if (text.empty())
-        return std::string();
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
+    std::string out(text.size() * 3, '\0');
+    out.resize(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                   static_cast<int>(out.size()), nullptr, nullptr));
     return out;
 }
 
 std::wstring Widen(const std::string& text)
 {
-    if (text.empty())
-        return std::wstring();
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n);
+    std::wstring out(text.size(), L'\0');
+    out.resize(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(),
+                                   static_cast<int>(out.size())));
     return out;
 }
 } // namespace QXTest

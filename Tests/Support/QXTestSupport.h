@@ -1,20 +1,31 @@
 #pragma once
 // What the test suites share: capture of the library's log lines, temporary
-// folders and registry keys that clean up after themselves, and starting the
-// helper programs that live beside the test executables.
+// folders, registry keys and values that clean up after themselves, starting
+// the helper programs that live beside the test executables, and redirecting
+// a module's imports where the platform cannot show what the library does.
 
 #include <windows.h>
 
 #include "QXDbgLog.h"
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
+// Expects a log line with exactly this text (and, if given, function and level).
+#define EXPECT_LOGGED(capture, ...) EXPECT_TRUE((capture).Has(__VA_ARGS__)) << (capture).Dump()
+
 namespace QXTest
 {
-// One captured log line.
+struct NoCopy // what owns a resource is not copied
+{
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
+
 struct LogEntry
 {
     int level = 0;
@@ -27,44 +38,40 @@ struct LogEntry
 // Captures every line the library logs while the object lives: switches the
 // debugger output on (and restores it afterwards) and attaches a sink.
 // Captures are not nested.
-class LogCapture
+class LogCapture : NoCopy
 {
 public:
     LogCapture();
     ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogEntry> Entries() const;
     void Clear();
-    size_t Count() const;
+    size_t Count() const { return Entries().size(); }
     // True when some line has exactly this text (and, if given, this function / level).
-    bool Has(const std::wstring& text) const;
-    bool Has(const std::string& function, const std::wstring& text) const;
+    bool Has(const std::wstring& text) const { return Any([&](auto& e) { return e.text == text; }); }
+    bool Has(const std::string& function, const std::wstring& text) const { return Has(-1, function, text); }
     bool Has(int level, const std::string& function, const std::wstring& text) const;
     // True when some line's text contains the fragment.
-    bool HasFragment(const std::wstring& fragment) const;
+    bool HasFragment(const std::wstring& part) const { return Any([&](auto& e) { return e.text.find(part) != e.text.npos; }); }
     // All lines, one per line, for failure messages.
     std::string Dump() const;
 
 private:
     static void Sink(void* context, const QXDbgLogRecord& record);
+    bool Any(const std::function<bool(const LogEntry&)>& test) const;
 
     mutable std::mutex m_mutex;
     std::vector<LogEntry> m_entries;
     bool m_previousDebugger;
-    void* m_previousContext;
-    void* m_previousSink;
+    void *m_previousContext, *m_previousSink;
 };
 
 // A folder under %TEMP%, removed with everything in it on destruction.
-class TempDir
+class TempDir : NoCopy
 {
 public:
     TempDir();
     ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     const std::wstring& Path() const { return m_path; }
     std::wstring File(const std::wstring& name) const { return m_path + L"\\" + name; }
@@ -78,21 +85,22 @@ private:
 
 // A registry key made for one test (under HKCU\Software\QXCommonTests by
 // default), deleted with its sub-keys on destruction.
-class TestRegKey
+class TestRegKey : NoCopy
 {
 public:
     explicit TestRegKey(HKEY root = HKEY_CURRENT_USER, const std::wstring& parent = L"Software\\QXCommonTests");
     ~TestRegKey();
-    TestRegKey(const TestRegKey&) = delete;
-    TestRegKey& operator=(const TestRegKey&) = delete;
 
     HKEY Root() const { return m_root; }
     HKEY Handle() const { return m_key; }
     const std::wstring& SubKey() const { return m_subKey; } // relative to Root()
     // Writes a value with exactly these bytes and this type.
     void SetRaw(const std::wstring& name, DWORD type, const void* data, DWORD bytes) const;
-    void SetString(const std::wstring& name, const std::wstring& value, DWORD type = REG_SZ) const;
-    void SetDword(const std::wstring& name, DWORD value) const;
+    void SetString(const std::wstring& name, const std::wstring& value, DWORD type = REG_SZ) const
+    {
+        SetRaw(name, type, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    }
+    void SetDword(const std::wstring& name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
     void CreateSubKey(const std::wstring& name) const;
 
 private:
@@ -101,25 +109,68 @@ private:
     HKEY m_key;
 };
 
+// A registry value that is put back as it was on destruction (removed when
+// it did not exist, with its key when that did not exist either).
+class SavedRegValue : NoCopy
+{
+public:
+    SavedRegValue(HKEY root, const std::wstring& subKey, const std::wstring& name);
+    ~SavedRegValue();
+
+    // Writes the value, creating the key; REG_NONE removes it. False when refused.
+    bool Set(DWORD type, const void* data = nullptr, DWORD bytes = 0) const;
+    bool SetString(const std::wstring& value) const
+    {
+        return Set(REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    }
+
+private:
+    HKEY m_root;
+    std::wstring m_subKey, m_name;
+    bool m_keyExisted = false, m_valueExisted = false;
+    DWORD m_type = 0;
+    std::vector<BYTE> m_data;
+};
+
 struct ProcessResult
 {
     DWORD exitCode = 0xFFFFFFFF;
     std::string output; // standard output and standard error, as bytes
-    bool started = false;
-    bool timedOut = false;
+    bool started = false, timedOut = false;
 };
 
 // The folder of the running test executable (helper programs live there).
 std::wstring ModuleDir();
 // Full path of a helper program built from Tests/Programs.
-std::wstring HelperPath(const std::wstring& exeName);
+inline std::wstring HelperPath(const std::wstring& exeName) { return ModuleDir() + L"\\" + exeName; }
 // Runs a command line, collects its output, waits (killing it on time-out).
 ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+// Runs qxinspect.exe (beside the tests) with the arguments.
+inline ProcessResult RunInspect(const std::wstring& arguments)
+{
+    return RunProcess(L"\"" + HelperPath(L"qxinspect.exe") + L"\" " + arguments);
+}
 
 // The value the system gives the next handle this process opens. Wine hands
 // out the lowest free slot and answers 0 to GetProcessHandleCount, so a leak
 // of n handles between two calls moves this value by 4·n.
 uintptr_t NextHandleSlot();
+
+// Points every import of dll!function in a loaded module at a replacement
+// while the object lives. Original() is what the import pointed at before.
+class ImportPatch : NoCopy
+{
+public:
+    ImportPatch(const wchar_t* module, const char* dll, const char* function, void* replacement);
+    ~ImportPatch();
+
+    bool Installed() const { return !m_entries.empty(); }
+    void* Original() const { return m_original; }
+
+private:
+    std::vector<void**> m_entries;
+    void* m_original = nullptr;
+};
 
 std::string Narrow(const std::wstring& text); // UTF-8
 std::wstring Widen(const std::string& text);  // from UTF-8

@@ -1,4 +1,5 @@
-// GetCurrentOS over the versions Wine emulates: qxsys_osprobe.exe prints its
+// GetCurrentOS over the versions Wine emulates, WOW64 and redirection, and
+// qxinspect's os, error, guid and exe commands. qxsys_osprobe.exe prints its
 // answer beside the version the system reports. Wine takes the version from
 // HKCU\Software\Wine\AppDefaults\<exe>\Version or, when none is set, from
 // the prefix's HKLM CurrentVersion/CurrentBuildNumber/ProductOptions (the
@@ -7,64 +8,38 @@
 #include "QXLog.h"
 #include "QXTestSupport.h"
 
-#include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/OSVersionHelper.h"
+#include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/WOW64FSRedirectEnabler.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
-#include <optional>
 #include <string>
-#include <vector>
+
+using namespace QXCommonFunctions;
 
 namespace
 {
-const wchar_t* const ProbeExe = L"qxsys_osprobe.exe";
-const wchar_t* const AppDefaults = L"Software\\Wine\\AppDefaults\\qxsys_osprobe.exe";
 const wchar_t* const CurrentVersionKey = L"Software\\Microsoft\\Windows NT\\CurrentVersion";
-const wchar_t* const ProductOptionsKey = L"System\\CurrentControlSet\\Control\\ProductOptions";
-
-// Declares Windows 7 to 10 compatibility; without it 8.1 and later read as 6.2.
-const char* const CompatManifest =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n"
-    "<assembly xmlns=\"urn:schemas-microsoft-com:asm.v1\" manifestVersion=\"1.0\">\n"
-    "  <assemblyIdentity type=\"win32\" name=\"qxsys.osprobe\" version=\"1.0.0.0\"/>\n"
-    "  <compatibility xmlns=\"urn:schemas-microsoft-com:compatibility.v1\"><application>\n"
-    "    <supportedOS Id=\"{35138b9a-5d96-4fbd-8e2d-a2440225f93a}\"/>\n"
-    "    <supportedOS Id=\"{4a2f28e3-53b9-4441-ba9c-d69d4a4a6e38}\"/>\n"
-    "    <supportedOS Id=\"{1f676c76-80e1-4239-95bb-83d0f6d0da78}\"/>\n"
-    "    <supportedOS Id=\"{8e0f7a12-bfb3-4fe8-b9a5-48fd50a15a9a}\"/>\n"
-    "  </application></compatibility>\n"
-    "</assembly>\n";
 
 struct Probe
 {
-    DWORD os = 0xFFFFFFFF;
-    unsigned major = 0, minor = 0, build = 0, productType = 0;
+    unsigned long os = 0;
+    unsigned major = 0, minor = 0, productType = 0;
     int arch64 = -1, wow64 = -1;
 };
 
-std::optional<Probe> RunProbe()
+// Runs the probe (its manifest declares Windows 7 to 10 compatibility;
+// without it 8.1 and later would read as 6.2).
+Probe RunProbe()
 {
-    QXTest::ProcessResult run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(ProbeExe) + L"\"");
-    if (!run.started || run.exitCode != 0)
-    {
-        ADD_FAILURE() << "probe failed: exit " << run.exitCode << " " << run.output;
-        return std::nullopt;
-    }
+    QXTest::ProcessResult run = QXTest::RunProcess(L"\"" + QXTest::HelperPath(L"qxsys_osprobe.exe") + L"\"");
     Probe p;
-    unsigned long os = 0;
-    if (std::sscanf(run.output.c_str(), "os=%lu major=%u minor=%u build=%u producttype=%u arch64=%d wow64=%d", &os,
-                    &p.major, &p.minor, &p.build, &p.productType, &p.arch64, &p.wow64) != 7)
-    {
-        ADD_FAILURE() << "unexpected probe output: " << run.output;
-        return std::nullopt;
-    }
-    p.os = os;
+    EXPECT_EQ(std::sscanf(run.output.c_str(), "os=%lu major=%u minor=%u producttype=%u arch64=%d wow64=%d", &p.os,
+                          &p.major, &p.minor, &p.productType, &p.arch64, &p.wow64), 6)
+        << "exit " << run.exitCode << " " << run.output;
     return p;
 }
 
@@ -77,212 +52,136 @@ DWORD ExpectedBits(unsigned major, unsigned minor, unsigned productType)
             return productType == VER_NT_WORKSTATION ? row[2] : row[3];
     return 0;
 }
-
-// A registry value put back as it was when the object goes.
-struct SavedValue
-{
-    SavedValue(HKEY root, const std::wstring& subKey, const std::wstring& name) : m_name(name)
-    {
-        if (m_key.Create(root, subKey.c_str()) != ERROR_SUCCESS)
-            return;
-        BYTE data[512];
-        DWORD bytes = sizeof(data);
-        if (RegQueryValueExW(m_key, name.c_str(), nullptr, &m_type, data, &bytes) == ERROR_SUCCESS)
-            m_data.assign(data, data + bytes);
-        else
-            m_existed = false;
-    }
-    ~SavedValue()
-    {
-        if (!m_key)
-            return;
-        if (m_existed)
-            m_key.SetValue(m_name.c_str(), m_type, m_data.data(), static_cast<ULONG>(m_data.size()));
-        else
-            m_key.DeleteValue(m_name.c_str());
-    }
-    void SetString(const std::wstring& value) { m_key.SetStringValue(m_name.c_str(), value.c_str()); }
-    ATL::CRegKey m_key;
-    std::wstring m_name;
-    DWORD m_type = REG_NONE;
-    std::vector<BYTE> m_data;
-    bool m_existed = true;
-};
-
-// The compatibility manifest beside the probe, removed afterwards.
-struct ProbeManifest
-{
-    explicit ProbeManifest(bool present) : m_path(QXTest::HelperPath(ProbeExe) + L".manifest")
-    {
-        ::DeleteFileW(m_path.c_str());
-        if (!present)
-            return;
-        ATL::CHandle file(::CreateFileW(m_path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-        DWORD written = 0;
-        ::WriteFile(file, CompatManifest, static_cast<DWORD>(strlen(CompatManifest)), &written, nullptr);
-    }
-    ~ProbeManifest() { ::DeleteFileW(m_path.c_str()); }
-    std::wstring m_path;
-};
-
-// Wine's per-program Version for the probe, removed afterwards.
-struct AppDefaultsKey
-{
-    ~AppDefaultsKey() { ATL::CRegKey(HKEY_CURRENT_USER).RecurseDeleteKey(AppDefaults); }
-    void SetVersion(const std::wstring& version)
-    {
-        ATL::CRegKey key;
-        ASSERT_EQ(key.Create(HKEY_CURRENT_USER, AppDefaults), ERROR_SUCCESS);
-        ASSERT_EQ(key.SetStringValue(L"Version", version.c_str()), ERROR_SUCCESS);
-    }
-};
-
-struct VersionCase
-{
-    const wchar_t* label;
-    const wchar_t* wineVersion;  // AppDefaults Version, or null: registry below
-    const wchar_t* currentVersion;
-    const wchar_t* build;
-    const wchar_t* productOptions; // "WinNT" workstation, "ServerNT" server
-    unsigned major, minor, productType;
-};
 } // namespace
 
 TEST(CurrentOS, EachVersionGivesItsBit)
 {
-    const VersionCase cases[] = {
-        {L"Windows 7 (win7)", L"win7", nullptr, nullptr, nullptr, 6, 1, 0},
-        {L"Server 2008 R2 (win2008r2)", L"win2008r2", nullptr, nullptr, nullptr, 6, 1, 0},
-        {L"Windows 8", L"win8", nullptr, nullptr, nullptr, 6, 2, 1},
-        {L"Windows 8.1", L"win81", nullptr, nullptr, nullptr, 6, 3, 1},
-        {L"Windows 10", L"win10", nullptr, nullptr, nullptr, 10, 0, 1},
-        {L"Server 2008 (6.0)", L"win2008", nullptr, nullptr, nullptr, 6, 0, 3},
-        {L"Server 2003 (5.2)", L"win2003", nullptr, nullptr, nullptr, 5, 2, 3},
-        {L"Windows 7 workstation (registry)", nullptr, L"6.1", L"7601", L"WinNT", 6, 1, 1},
-        {L"Server 2008 R2 (registry)", nullptr, L"6.1", L"7601", L"ServerNT", 6, 1, 3},
-        {L"Server 2012 (registry)", nullptr, L"6.2", L"9200", L"ServerNT", 6, 2, 3},
-        {L"Server 2012 R2 (registry)", nullptr, L"6.3", L"9600", L"ServerNT", 6, 3, 3},
-        {L"Server 2016 (registry)", nullptr, L"10.0", L"14393", L"ServerNT", 10, 0, 3},
-        {L"Windows 10 workstation (registry)", nullptr, L"10.0", L"19041", L"WinNT", 10, 0, 1},
+    struct Case { const wchar_t *wineVersion, *currentVersion, *build, *productOptions; unsigned major, minor, type; };
+    const Case cases[] = { // a Wine version, or the registry's; type 0: whichever Wine reports
+        {L"win7", nullptr, nullptr, nullptr, 6, 1, 0},     {L"win2008r2", nullptr, nullptr, nullptr, 6, 1, 0},
+        {L"win8", nullptr, nullptr, nullptr, 6, 2, 1},     {L"win81", nullptr, nullptr, nullptr, 6, 3, 1},
+        {L"win10", nullptr, nullptr, nullptr, 10, 0, 1},   {L"win2008", nullptr, nullptr, nullptr, 6, 0, 3},
+        {L"win2003", nullptr, nullptr, nullptr, 5, 2, 3},  {nullptr, L"6.1", L"7601", L"WinNT", 6, 1, 1},
+        {nullptr, L"6.1", L"7601", L"ServerNT", 6, 1, 3},  {nullptr, L"6.2", L"9200", L"ServerNT", 6, 2, 3},
+        {nullptr, L"6.3", L"9600", L"ServerNT", 6, 3, 3},  {nullptr, L"10.0", L"14393", L"ServerNT", 10, 0, 3},
+        {nullptr, L"10.0", L"19041", L"WinNT", 10, 0, 1},
     };
-
-    ProbeManifest manifest(true);
-    SavedValue currentVersion(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentVersion");
-    SavedValue currentBuild(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentBuildNumber");
-    SavedValue productType(HKEY_LOCAL_MACHINE, ProductOptionsKey, L"ProductType");
+    QXTest::SavedRegValue currentVersion(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentVersion");
+    QXTest::SavedRegValue currentBuild(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentBuildNumber");
+    QXTest::SavedRegValue productType(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\ProductOptions",
+                                      L"ProductType");
+    QXTest::SavedRegValue appDefaults(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\qxsys_osprobe.exe", L"Version");
     int checked = 0;
     std::string skipped;
     for (const auto& c : cases)
     {
-        SCOPED_TRACE(QXTest::Narrow(c.label));
-        AppDefaultsKey appDefaults;
-        if (c.wineVersion != nullptr)
+        SCOPED_TRACE(QXTest::Narrow(c.wineVersion ? c.wineVersion : c.currentVersion));
+        ASSERT_TRUE(c.wineVersion ? appDefaults.SetString(c.wineVersion) : appDefaults.Set(REG_NONE));
+        ASSERT_TRUE(c.wineVersion || (currentVersion.SetString(c.currentVersion) && currentBuild.SetString(c.build) &&
+                                      productType.SetString(c.productOptions)));
+        const Probe probe = RunProbe();
+        // Wine 8 swaps the product types of win7 and win2008r2.
+        if (probe.major != c.major || probe.minor != c.minor || (c.type != 0 && probe.productType != c.type))
         {
-            appDefaults.SetVersion(c.wineVersion);
-        }
-        else
-        {
-            currentVersion.SetString(c.currentVersion);
-            currentBuild.SetString(c.build);
-            productType.SetString(c.productOptions);
-        }
-        auto probe = RunProbe();
-        if (!probe)
-            continue;
-        // Wine 8 swaps the product types of win7 and win2008r2; a product
-        // type of 0 in the table means "whichever Wine reports".
-        if (probe->major != c.major || probe->minor != c.minor ||
-            (c.productType != 0 && probe->productType != c.productType))
-        {
-            skipped += "  " + QXTest::Narrow(c.label) + ": Wine reported " + std::to_string(probe->major) + "." +
-                       std::to_string(probe->minor) + " type " + std::to_string(probe->productType) + "\n";
+            skipped += "  " + std::to_string(probe.major) + "." + std::to_string(probe.minor) + " type " +
+                       std::to_string(probe.productType) + " instead of " + std::to_string(c.major) + "." +
+                       std::to_string(c.minor) + "\n";
             continue;
         }
-        EXPECT_EQ(probe->os, ExpectedBits(probe->major, probe->minor, probe->productType))
-            << probe->major << "." << probe->minor << " type " << probe->productType;
-        EXPECT_EQ(probe->arch64, 1);
-        EXPECT_EQ(probe->wow64, 0);
+        EXPECT_EQ(probe.os, ExpectedBits(probe.major, probe.minor, probe.productType));
+        EXPECT_TRUE(probe.arch64 == 1 && probe.wow64 == 0);
         ++checked;
     }
     if (!skipped.empty())
         std::printf("Versions Wine could not emulate here:\n%s", skipped.c_str());
     EXPECT_GE(checked, 8) << skipped;
-}
 
-TEST(CurrentOS, WithoutCompatibilityDeclarationLaterVersionsReadAsWindows8)
-{
-    ProbeManifest manifest(false);
-    AppDefaultsKey appDefaults;
-    appDefaults.SetVersion(L"win10");
-    auto probe = RunProbe();
-    ASSERT_TRUE(probe.has_value());
-    if (probe->major != 10)
-        GTEST_SKIP() << "Wine did not emulate Windows 10 for the probe";
-    EXPECT_EQ(probe->os, 0x20u);
-}
 
-TEST(CurrentOS, LogsItsAnswerInThisProcess)
-{
     QXTest::LogCapture capture;
-    DWORD os = QXCommonFunctions::GetCurrentOS();
-    EXPECT_TRUE(capture.Has(4, "QXCommonFunctions::GetCurrentOS", L"Returning " + std::to_wstring(os) + L"\n"))
-        << capture.Dump();
-    const DWORD known[] = {0, 0x10, 0x20, 0x40, 0x80, 0x100, 0x200, 0x400, 0x800};
-    EXPECT_NE(std::find(std::begin(known), std::end(known), os), std::end(known)) << os;
+    const DWORD os = GetCurrentOS();
+    EXPECT_LOGGED(capture, 4, "QXCommonFunctions::GetCurrentOS", L"Returning " + std::to_wstring(os) + L"\n");
 }
 
 TEST(Wow64, SixtyFourBitProcessOnX64)
 {
     QXTest::LogCapture capture;
-    EXPECT_TRUE(QXCommonFunctions::Is64BitArchitecture());
-    EXPECT_FALSE(QXCommonFunctions::IsWow64(GetCurrentProcessId()));
-    EXPECT_FALSE(QXCommonFunctions::IsWow64FSRedirectionEnabled());
-    // No such process, and the idle process that cannot be opened: both "not WOW64".
-    EXPECT_FALSE(QXCommonFunctions::IsWow64(0xFFFFFFF0u));
-    EXPECT_FALSE(QXCommonFunctions::IsWow64(0));
+    EXPECT_TRUE(Is64BitArchitecture());
+    // Itself, no such process, and the idle process that cannot be opened: not WOW64.
+    EXPECT_FALSE(IsWow64(GetCurrentProcessId()) || IsWow64(0xFFFFFFF0u) || IsWow64(0));
+    EXPECT_FALSE(IsWow64FSRedirectionEnabled());
     {
         QXCommon::CWOW64FSRedirectEnabler enabler;
         EXPECT_EQ(enabler.FSRedirectionWasEnabled(), 0);
-        enabler.RevertToOriginalState();
     }
     EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
+    // A 64-bit process has nothing to redirect: the wrappers pass on what the system answers.
+    PVOID old = nullptr, systemOld = nullptr;
+    EXPECT_EQ(QXWow64DisableWow64FsRedirection(&old), Wow64DisableWow64FsRedirection(&systemOld));
+    EXPECT_EQ(QXWow64RevertWow64FsRedirection(old), Wow64RevertWow64FsRedirection(systemOld));
+    SetLastError(0);
+    EXPECT_FALSE(QXWow64DisableWow64FsRedirection(nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
-TEST(Wow64, RedirectionWrappersForwardToTheSystem)
+namespace
 {
-    // A 64-bit process has nothing to redirect; the wrappers pass on whatever the system answers.
-    PVOID old = reinterpret_cast<PVOID>(0x1234);
-    const BOOL disabled = QXCommonFunctions::QXWow64DisableWow64FsRedirection(&old);
-    using Fn = BOOL(WINAPI*)(PVOID*);
-    auto fn = reinterpret_cast<Fn>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "Wow64DisableWow64FsRedirection")));
-    ASSERT_NE(fn, nullptr);
-    PVOID systemOld = nullptr;
-    const BOOL systemDisabled = fn(&systemOld);
-    if (systemDisabled)
-        QXCommonFunctions::QXWow64RevertWow64FsRedirection(systemOld);
-    EXPECT_EQ(disabled != FALSE, systemDisabled != FALSE);
-    EXPECT_TRUE(!disabled || QXCommonFunctions::QXWow64RevertWow64FsRedirection(old));
+// A 32-bit process on 64-bit Windows, as the system describes it to the
+// library: its lookups of the WOW64 functions get these stand-ins, which keep
+// the redirection state of the thread.
+bool g_redirection = false;
+BOOL WINAPI IsWow64Process32(HANDLE, PBOOL wow64) { return *wow64 = TRUE; }
+BOOL WINAPI Disable32(PVOID* old) { *old = reinterpret_cast<PVOID>(g_redirection ? 0 : 1); g_redirection = false; return TRUE; }
+BOOL WINAPI Revert32(PVOID old) { g_redirection = old == nullptr; return TRUE; }
+BOOLEAN WINAPI Enable32(BOOLEAN enable) { g_redirection = enable; return TRUE; }
 
-    SetLastError(0);
-    EXPECT_FALSE(QXCommonFunctions::QXWow64DisableWow64FsRedirection(nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+FARPROC WINAPI GetProcAddressOf32BitProcess(HMODULE module, LPCSTR name)
+{
+    const std::pair<const char*, void*> standIns[] = {{"IsWow64Process", (void*)&IsWow64Process32},
+                                                      {"Wow64DisableWow64FsRedirection", (void*)&Disable32},
+                                                      {"Wow64RevertWow64FsRedirection", (void*)&Revert32},
+                                                      {"Wow64EnableWow64FsRedirection", (void*)&Enable32}};
+    for (const auto& [function, standIn] : standIns)
+        if (HIWORD(name) != 0 && strcmp(name, function) == 0)
+            return reinterpret_cast<FARPROC>(standIn);
+    return GetProcAddress(module, name);
+}
+} // namespace
+
+TEST(Wow64, ThirtyTwoBitProcessAsTheSystemDescribesIt)
+{
+    QXTest::ImportPatch patch(L"QXCommon.dll", "kernel32.dll", "GetProcAddress", (void*)&GetProcAddressOf32BitProcess);
+    ASSERT_TRUE(patch.Installed());
+    QXTest::LogCapture capture;
+    EXPECT_TRUE(IsWow64(GetCurrentProcessId()));
+    for (bool wasOn : {false, true})
+    {
+        g_redirection = wasOn;
+        EXPECT_EQ(IsWow64FSRedirectionEnabled(), wasOn);
+        EXPECT_EQ(g_redirection, wasOn); // the question leaves the state as it was
+        {
+            QXCommon::CWOW64FSRedirectEnabler enabler;
+            EXPECT_EQ(enabler.FSRedirectionWasEnabled(), wasOn ? 1 : 0);
+            EXPECT_TRUE(g_redirection);
+        }
+        EXPECT_EQ(g_redirection, wasOn); // turned off again only by the guard that turned it on
+    }
+    EXPECT_TRUE(QXWow64RevertWow64FsRedirection(nullptr));
+    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::CWOW64FSRedirectEnabler",
+                  L"WOW64 Process with FS Redirection Disabled - Trying to re-enable\n");
+    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::RevertToOriginalState",
+                  L"FS Redirection enabled by us - Trying to disable again\n");
+    EXPECT_EQ(capture.Count(), 2u) << capture.Dump();
 }
 
 TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
 {
     using QXCommon::COSVersionHelper;
-    OSVERSIONINFOEXW info = {};
-    info.dwOSVersionInfoSize = sizeof(info);
-    using RtlGetVersionFn = LONG(WINAPI*)(OSVERSIONINFOEXW*);
-    auto rtlGetVersion = reinterpret_cast<RtlGetVersionFn>(
+    OSVERSIONINFOEXW info = {sizeof(info)};
+    auto rtlGetVersion = reinterpret_cast<LONG(WINAPI*)(OSVERSIONINFOEXW*)>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
-    ASSERT_NE(rtlGetVersion, nullptr);
     ASSERT_EQ(rtlGetVersion(&info), 0);
-
-    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_GREATER_EQUAL, 5, 0));
+    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_GREATER_EQUAL, 5, 0) && COSVersionHelper::IsOSVersion(VER_LESS, 99, 99));
     EXPECT_FALSE(COSVersionHelper::IsOSVersion(VER_EQUAL, 99, 0));
-    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_LESS, 99, 99));
     // The product type is reported as it is, compatibility declaration or not.
     EXPECT_TRUE(COSVersionHelper::IsProductType(VER_EQUAL, info.wProductType));
     EXPECT_FALSE(COSVersionHelper::IsProductType(VER_EQUAL, static_cast<BYTE>(info.wProductType == 1 ? 3 : 1)));
@@ -291,4 +190,57 @@ TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
     while (missing != 0 && (info.wSuiteMask & missing) != 0)
         missing = static_cast<WORD>(missing << 1);
     EXPECT_FALSE(missing != 0 && COSVersionHelper::IsProductSuite(VER_AND, missing)) << missing;
+}
+
+// qxinspect as it is run: what each command prints and its exit code (0
+// yes/done, 1 no, 2 usage, 3 could not answer).
+TEST(Inspect, CommandsAndExitCodes)
+{
+    wchar_t system[MAX_PATH] = {}, systemRoot[MAX_PATH] = {};
+    ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH) * GetEnvironmentVariableW(L"SystemRoot", systemRoot, MAX_PATH), 0u);
+    const std::wstring dll = L"\"" + std::wstring(system) + L"\\kernel32.dll\"";
+    const std::string root = QXTest::Narrow(systemRoot);
+    std::string escaped; // the regex form escapes the folder's characters
+    for (char ch : root)
+        escaped.append(std::string("\\*+()[.^-?{}$|!").find(ch) != std::string::npos ? "\\" : "").push_back(ch);
+    QXTest::TempDir dir;
+    const std::wstring text = L"\"" + dir.Write(L"notes.txt", "just text, no headers at all") + L"\"";
+    struct Case { std::wstring arguments; DWORD exitCode; std::vector<std::string> fragments; };
+    const Case cases[] = {
+        {L"--json os", 0, {"\"is64BitArchitecture\": true", "\"isWow64\": false", "\"fsRedirectionEnabled\": false",
+                           "\"os\": ", "\"name\": \""}},
+        {L"error 5", 0, {"hresult: 0x00000005 ", "message: " + QXTest::Narrow(ErrorMessageFromCode(5))}},
+        {L"--json error 0x80040201", 0, {"\"hresult\": \"0x80040201 IDispatch error #1\""}},
+        {L"--json exe " + dll, 0, {"\"isNTExe\": true", "\"ntExeOrAccessRestricted\": 1"}},
+        {L"exe " + dll + L" " + text, 1, {"not an NT image"}},
+        {L"exe \"" + dir.File(L"missing.exe") + L"\" " + text, 3, {"error 2"}},
+        {L"guid --canonicalize abc", 0, {"{ABC}"}}, {L"guid", 0, {"{", "-", "}"}},
+        // The child's argument is: "C:\Program Files\a.exe" /open notepad.exe
+        {L"--json split \"\\\"C:\\Program Files\\a.exe\\\" /open notepad.exe\"", 0,
+         {"\"split\": true", "\"module\": \"C:\\\\Program Files\\\\a.exe\"", "\"arguments\": \"/open notepad.exe\"",
+          "\"expanded\": \"/open ", "notepad.exe\""}},
+        {L"split cmd /c x", 1, {"qxinspect: no program found"}},
+        {L"expand \"%SYSTEMROOT%\\x.exe\"", 0, {root + "\\x.exe\n"}},
+        {L"expand \"%NoSuchVariable%\\x\"", 1, {"%NoSuchVariable%\\x\n"}},
+        {L"expand --direct \"%SystemRoot%\\x\"", 0, {root + "\\x\n"}},
+        {L"expand --regex \"%SystemRoot%\\\\.*\"", 0, {escaped + "\\\\.*\n"}},
+        {L"expand --json \"%windir%\"", 0, {"\"replaced\": true"}}, {L"--json expand \"%windir%\"", 0, {"\"mode\": \"table\""}},
+        {L"expand --pid 0xFFFFFFF1 \"%windir%\"", 3, {"qxinspect: "}},
+        {L"match C:\\Windows\\notepad.exe NOTEPAD.EXE", 0, {"name"}},
+        {L"match --kind wildcard C:\\Windows\\System32\\notepad.exe C:\\*\\notepad.exe", 1, {}},
+    };
+    for (const Case& c : cases)
+    {
+        auto run = QXTest::RunInspect(c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode) << QXTest::Narrow(c.arguments) << "\n" << run.output;
+        for (const auto& fragment : c.fragments)
+            EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
+    }
+    for (const wchar_t* usage : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize", L"split",
+                                 L"expand", L"expand --pid nonsense x", L"match onlyone"})
+    {
+        auto run = QXTest::RunInspect(usage);
+        EXPECT_EQ(run.exitCode, 2u) << QXTest::Narrow(usage) << "\n" << run.output;
+        EXPECT_NE(run.output.find("qxinspect: "), std::string::npos) << run.output;
+    }
 }

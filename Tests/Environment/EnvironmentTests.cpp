@@ -1,0 +1,595 @@
+// Environment tables: expansion (passes in key order, unknown names, case,
+// the cache, inside regular expressions), normalisation, blocks, per-file
+// variables, one table shared by many threads, and tables loaded from the
+// system (a token, another process, the per-session temporary folder policy,
+// short names made long) beside the system's own expansion.
+
+#include "QXTestSupport.h"
+
+#include "QXCommon/EnvironmentBlockEx.h"
+#include "QXCommon/EnvironmentEx.h"
+#include "QXCommon/QXEnvironmentVars.h"
+#include "QXCommon/QXEnvironmentVars_ProcessEnv.h"
+
+#include <atlbase.h>
+#include <gtest/gtest.h>
+#include <userenv.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <regex>
+#include <thread>
+
+using QXCommon::CEnvironmentEx;
+
+// Expects the exact log line from CEnvironmentEx::<method> at the level.
+#define EXPECT_ENV_LOG(capture, level, method, text) EXPECT_LOGGED(capture, level, "QXCommon::CEnvironmentEx::" method, text)
+
+namespace
+{
+std::wstring Lower(std::wstring text)
+{
+    return _wcslwr(text.data());
+}
+
+// "a=1", "b=2" -> "a=1\0b=2\0" and two more terminating characters.
+std::vector<wchar_t> Block(const std::vector<std::wstring>& entries)
+{
+    std::vector<wchar_t> block;
+    for (const auto& entry : entries)
+        block.insert(block.end(), entry.c_str(), entry.c_str() + entry.size() + 1);
+    block.insert(block.end(), {L'\0', L'\0'});
+    return block;
+}
+
+// The entries of a block (or of a table's block) as a map, nameless entries
+// skipped, the names of a system block lower-cased.
+std::map<std::wstring, std::wstring> TableOf(const wchar_t* block, bool systemBlock = true)
+{
+    std::map<std::wstring, std::wstring> result;
+    for (std::wstring entry; *block != L'\0'; block += entry.size() + 1)
+        if (size_t equals = (entry = block).find(L'='); equals != std::wstring::npos && equals != 0)
+            result[systemBlock ? Lower(entry.substr(0, equals)) : entry.substr(0, equals)] = entry.substr(equals + 1);
+    return result;
+}
+
+std::map<std::wstring, std::wstring> TableOf(const CEnvironmentEx& environment)
+{
+    return TableOf(environment.GetAsEnvironmentBlock().data(), false);
+}
+
+// The environment the system builds for the token, names lower-cased.
+std::map<std::wstring, std::wstring> SystemEnvironment(HANDLE token)
+{
+    void* block = nullptr;
+    if (!CreateEnvironmentBlock(&block, token, FALSE))
+        return {};
+    auto result = TableOf(static_cast<const wchar_t*>(block));
+    DestroyEnvironmentBlock(block);
+    return result;
+}
+
+CHandle OwnToken()
+{
+    HANDLE token = nullptr;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE, &token);
+    return CHandle(token);
+}
+} // namespace
+
+TEST(EnvironmentExpand, Cases)
+{
+    CEnvironmentEx env(0);
+    const std::pair<const wchar_t*, const wchar_t*> variables[] = {
+        {L"WinDir", L"C:\\Windows"}, {L"b", L"%a%"},   {L"a", L"x"},  {L"deep3", L"%deep2%3"}, {L"deep2", L"%deep1%2"},
+        {L"deep1", L"1"},            {L"Mixed", L"MiXeD\\Case"},      {L"empty", L""},
+    };
+    for (const auto& [name, value] : variables)
+        ASSERT_EQ(env.Add(name, value), 1) << QXTest::Narrow(name);
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = { // null: not expanded
+        {L"%WINDIR%\\x", L"C:\\Windows\\x"}, {L"%windir%\\x", L"C:\\Windows\\x"}, {L"%NOPE%\\x", nullptr},
+        {L"%NOPE%\\%windir%", L"%NOPE%\\C:\\Windows"}, {L"%b%", L"x"}, {L"<%deep3%>", L"<123>"}, {L"%a%%a%%A%", L"xxx"},
+        {L"50% off", nullptr}, {L"100%", nullptr}, {L"%", nullptr}, {L"%%", nullptr}, {L"%%a%%", L"%x%"},
+        {L"%windir", nullptr}, {L"windir%", nullptr}, {L"no percent at all", nullptr}, {L"", nullptr},
+        {L"%mixed%\\KEEP", L"MiXeD\\Case\\KEEP"}, {L"[%empty%]", L"[]"}, {L"%empty%", L""},
+    };
+    for (const auto& [input, expected] : cases)
+    {
+        std::wstring output = L"untouched";
+        EXPECT_EQ(env.ExpandString(input, output), expected ? 1 : 0) << QXTest::Narrow(input);
+        EXPECT_EQ(output, expected ? expected : L"untouched") << QXTest::Narrow(input);
+        // The in-place overload gives the same text, or leaves the string alone.
+        std::wstring inPlace = input;
+        env.ExpandString(inPlace);
+        EXPECT_EQ(inPlace, expected ? expected : input) << QXTest::Narrow(input);
+    }
+    std::wstring output = L"untouched";
+    EXPECT_EQ(env.ExpandString(nullptr, output), 0);
+    EXPECT_EQ(output, L"untouched");
+
+    // ExpandVariable replaces every occurrence once and keeps the case of the rest.
+    struct Case { const wchar_t *subject, *name, *value; int result; const wchar_t* expected; } variableCases[] = {
+        {L"A%X%b%x%C", L"x", L"Val", 1, L"AValbValC"},
+        {L"%X%", L"X", L"%x%", 1, L"%x%"}, // the inserted value is not searched again
+        {L"%y%", L"x", L"v", 0, L"%y%"}, {L"%x", L"x", L"v", 0, L"%x"}, {L"%x%", L"", L"v", 0, L"%x%"},
+        {L"%%x%%", L"x", L"v", 1, L"%v%"}, {L"KEEP %Program Files% case", L"program files", L"P", 1, L"KEEP P case"},
+    };
+    for (const Case& c : variableCases)
+    {
+        std::wstring subject = c.subject;
+        EXPECT_EQ(env.ExpandVariable(subject, c.name, c.value), c.result) << QXTest::Narrow(c.subject);
+        EXPECT_EQ(subject, c.expected) << QXTest::Narrow(c.subject);
+    }
+}
+
+TEST(EnvironmentTable, LookupAddRemoveCopy)
+{
+    CEnvironmentEx env, other;
+    EXPECT_EQ(env.Add(L"TEMP", L"C:\\Temp"), 1);
+    std::wstring value;
+    for (const wchar_t* name : {L"%TEMP%", L"temp", L"Temp", L"%temp", L"temp%%"})
+    {
+        value.clear();
+        EXPECT_EQ(env.Lookup(name, value), 1) << QXTest::Narrow(name);
+        EXPECT_EQ(value, L"C:\\Temp");
+    }
+    value = L"kept";
+    for (const wchar_t* name : {L"%", L"", static_cast<const wchar_t*>(nullptr)})
+        EXPECT_EQ(env.Lookup(name, value), 0);
+    EXPECT_EQ(value, L"kept");
+    // Replace keeps one entry; names are stored in lower case; bad names and values are refused.
+    EXPECT_EQ(env.Add(std::wstring(L"Temp"), std::wstring(L"D:\\T")), 1);
+    EXPECT_EQ(env.Add(nullptr, L"x") + env.Add(L"x", nullptr) + env.Add(L"", L"x") + env.Add(std::wstring(), L"x"), 0);
+    EXPECT_EQ(TableOf(env), (std::map<std::wstring, std::wstring>{{L"temp", L"D:\\T"}}));
+
+    EXPECT_EQ(other.CopyVariable(env, L"%TEMP%"), 1);
+    EXPECT_EQ(other.CopyVariable(env, L"missing") + other.CopyVariable(env, nullptr), 0);
+    EXPECT_EQ(TableOf(other), TableOf(env));
+    EXPECT_EQ(env.Remove(L"TEMP"), 1);
+    EXPECT_EQ(env.Remove(std::wstring(L"temp")) + env.Remove(nullptr) + env.Remove(L""), 0);
+    EXPECT_EQ(env.Lookup(L"temp", value), 0);
+}
+
+TEST(EnvironmentExpand, CacheHitsUntilResetOrSwitchedOff)
+{
+    CEnvironmentEx env(1);
+    auto expands = [&env](const wchar_t* text) {
+        std::wstring out;
+        EXPECT_EQ(env.ExpandString(text, out), 1) << QXTest::Narrow(text);
+        return out;
+    };
+    env.Add(L"dir", L"C:\\One");
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\One\\a.exe");
+    // Add does not empty the cache: the old expansion is still served. The
+    // key is the exact text: another spelling is expanded afresh.
+    env.Add(L"dir", L"C:\\Two");
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\One\\a.exe");
+    EXPECT_EQ(expands(L"%DIR%\\a.exe"), L"C:\\Two\\a.exe");
+    {
+        QXTest::LogCapture capture;
+        env.Debug();
+        EXPECT_ENV_LOG(capture, 4, "Debug", L"Environment [dir] = [C:\\Two]\n");
+        EXPECT_ENV_LOG(capture, 4, "Debug", L"Accellerator [%dir%\\a.exe] = [C:\\One\\a.exe]\n");
+    }
+    env.ResetAccellerator();
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Two\\a.exe");
+    // Switching off empties the cache and stops caching; an unchanged flag keeps it.
+    env.EnableAccellerator(0);
+    env.Add(L"dir", L"C:\\Three");
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Three\\a.exe");
+    env.EnableAccellerator(1);
+    env.Add(L"dir", L"C:\\Four");
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Four\\a.exe");
+    env.Add(L"dir", L"C:\\Five");
+    env.EnableAccellerator(1);
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Four\\a.exe");
+    // A failed expansion is not cached; a reload empties the cache.
+    std::wstring out;
+    EXPECT_EQ(env.ExpandString(L"%later%", out), 0);
+    env.Add(L"later", L"now");
+    EXPECT_EQ(expands(L"%later%"), L"now");
+    auto block = Block({L"DIR=C:\\Six"});
+    ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+    EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Six\\a.exe");
+}
+
+// Values are escaped so that the expression matches the literal folder;
+// nested references are expanded before escaping; "]" is left alone;
+// unknown candidates stay; only some matching still counts.
+TEST(EnvironmentExpand, RegexExpansionMatchesTheLiteralFolder)
+{
+    CEnvironmentEx env;
+    env.Add(L"ProgramFiles(x86)", L"C:\\Program Files (x86)");
+    env.Add(L"inner", L"%ProgramFiles(x86)%\\In");
+    env.Add(L"br", L"[a]");
+    env.Add(L"odd", L"C:\\$ ^| ! q? * -+.{}");
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        {L"%ProgramFiles(x86)%", L"C:\\\\Program Files \\(x86\\)"},
+        {L"%INNER%.*", L"C:\\\\Program Files \\(x86\\)\\\\In.*"}, {L"%nope%|%br%", L"%nope%|\\[a]"},
+        {L"^%odd%$", L"^C:\\\\\\$ \\^\\| \\! q\\? \\* \\-\\+\\.\\{\\}$"}, {L"%nope%|50%", nullptr}, {L"", nullptr},
+    };
+    for (const auto& [input, expected] : cases)
+    {
+        std::wstring rx;
+        EXPECT_EQ(env.ExpandRxString(input, rx), expected ? 1 : 0);
+        EXPECT_EQ(rx, expected ? expected : input);
+    }
+    std::wstring rx;
+    ASSERT_EQ(env.ExpandRxString(L"^%odd%\\\\%ProgramFiles(x86)%$", rx), 1);
+    EXPECT_TRUE(std::regex_match(L"C:\\$ ^| ! q? * -+.{}\\C:\\Program Files (x86)", std::wregex(rx, std::regex::icase)));
+}
+
+TEST(EnvironmentNormalise, LongestValueWins)
+{
+    CEnvironmentEx env;
+    auto block = Block({L"SystemDrive=C:", L"SystemRoot=C:\\Windows", L"ProgramFiles=C:\\Program Files",
+                                 L"ProgramFiles(x86)=C:\\Program Files (x86)", L"ProgramData=C:\\ProgramData",
+                                 L"UserProfile=C:\\Users\\U", L"AppData=C:\\Users\\U\\AppData\\Roaming",
+                                 L"LocalAppData=C:\\Users\\U\\AppData\\Local", L"TEMP=C:\\Users\\U\\AppData\\Local\\Temp\\",
+                                 L"Other=C:\\Users"});
+    QXTest::LogCapture capture;
+    ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+    EXPECT_ENV_LOG(capture, 4, "SetupNormalisationEnvVars", L"Env Var [programfiles(x86)] -> [C:\\Program Files (x86)].\n");
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        {L"c:\\program files\\A\\B.EXE", L"%programfiles%\\a\\b.exe"},
+        {L"C:\\Windows\\System32\\cmd.exe", L"%systemroot%\\system32\\cmd.exe"},
+        {L"C:\\Other\\x.exe", L"%systemdrive%\\other\\x.exe"},
+        {L"C:\\Users\\U\\AppData\\Local\\Temp\\t.exe", L"%temp%t.exe"}, // the value ends in "\\"
+        {L"C:\\Users\\U\\AppData\\Local\\x.exe", L"%localappdata%\\x.exe"},
+        {L"C:\\Users\\U\\Desktop\\x.exe", L"%userprofile%\\desktop\\x.exe"},
+        // Every occurrence, wherever it stands, with the text around it kept.
+        {L"\"C:\\Windows\\a.exe\" /in C:\\Windows\\b", L"\"%systemroot%\\a.exe\" /in %systemroot%\\b"},
+        {L"D:\\Tools\\x.exe", L"d:\\tools\\x.exe"}, {L"", L""},
+        {L"C:\\Program Files (x86)\\A\\b.exe", L"%programfiles(x86)%\\a\\b.exe"},
+    };
+    for (const auto& [input, expected] : cases)
+    {
+        std::wstring path = input;
+        capture.Clear();
+        env.NormalisePaths(path);
+        EXPECT_EQ(path, expected) << QXTest::Narrow(input);
+    }
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths", L"Input Path [C:\\Program Files (x86)\\A\\b.exe].\n");
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths",
+                   L"Try Replacing [c:\\program files (x86)] with [%programfiles(x86)%] in "
+                   L"[c:\\program files (x86)\\a\\b.exe].\n");
+    EXPECT_ENV_LOG(capture, 4, "NormalisePaths", L"Final Path [%programfiles(x86)%\\a\\b.exe].\n");
+    // The longest value is tried first, the shortest ("c:") last.
+    const auto entries = capture.Entries();
+    EXPECT_TRUE(entries.size() == 11u && entries[9].text.rfind(L"Try Replacing [c:] with [%systemdrive%]", 0) == 0);
+}
+
+TEST(EnvironmentBlock, TableAsBlockAndBlocksWithOddEntries)
+{
+    CEnvironmentEx env;
+    EXPECT_EQ(env.GetAsEnvironmentBlock(), std::vector<wchar_t>{L'\0'});
+    env.Add(L"B", L"Two");
+    env.Add(L"a", L"One");
+    const std::wstring expected(L"a=One\0b=Two\0", 13);
+    EXPECT_EQ(env.GetAsEnvironmentBlock(), std::vector<wchar_t>(expected.begin(), expected.end()));
+
+    // Entries without "=" or beginning with "=" are not loaded; values may hold "=".
+    std::wstring longValue(100000, L'v');
+    auto block = Block({L"=C:=C:\\", L"noequals", L"x=1=2", L"LONG=" + longValue, L"=", L"y="});
+    CEnvironmentEx loaded;
+    ASSERT_EQ(loaded.LoadFromEnvironmentBlock(block.data()), 1);
+    const std::map<std::wstring, std::wstring> table = {{L"x", L"1=2"}, {L"long", longValue}, {L"y", L""}};
+    EXPECT_EQ(TableOf(loaded), table);
+    std::wstring out;
+    EXPECT_TRUE(loaded.ExpandString(L"%%", out) == 0 && loaded.ExpandString(L"%long%", out) == 1 && out == longValue);
+    const wchar_t emptyBlock[] = {L'\0', L'\0'};
+    EXPECT_EQ(loaded.LoadFromEnvironmentBlock(emptyBlock), 1);
+    EXPECT_EQ(TableOf(loaded), table);
+    QXTest::LogCapture capture;
+    EXPECT_EQ(loaded.LoadFromEnvironmentBlock(nullptr), 0);
+    EXPECT_ENV_LOG(capture, 1, "LoadFromEnvironmentBlock", L"Environment block is null.\n");
+
+    // Copies keep every entry as it was, up to the terminating empty entry.
+    using QXCommon::CEnvironmentBlockEx;
+    EXPECT_EQ(CEnvironmentBlockEx::LoadFromEnvironmentBlock(block.data()), std::vector<wchar_t>(block.begin(), block.end() - 1));
+    EXPECT_EQ(CEnvironmentBlockEx::LoadFromEnvironmentBlock(emptyBlock), (std::vector<wchar_t>{0, 0}));
+    EXPECT_TRUE(CEnvironmentBlockEx::LoadFromEnvironmentBlock(nullptr).empty());
+    wchar_t converted = 0;
+    MultiByteToWideChar(CP_ACP, 0, "\xe9", 1, &converted, 1);
+    const std::wstring wide = std::wstring(L"=C:=C:\\\0A=b", 11) + converted + std::wstring(L"\0noequals\0\0", 11);
+    EXPECT_EQ(CEnvironmentBlockEx::LoadFromEnvironmentBlockANSI("=C:=C:\\\0A=b\xe9\0noequals\0\0"),
+              std::vector<wchar_t>(wide.begin(), wide.end()));
+    EXPECT_EQ(CEnvironmentBlockEx::LoadFromEnvironmentBlockANSI("\0\0"), (std::vector<wchar_t>{0, 0}));
+    EXPECT_TRUE(CEnvironmentBlockEx::LoadFromEnvironmentBlockANSI(nullptr).empty());
+}
+
+TEST(EnvironmentFileVariables, TableAndProcessEnvironment)
+{
+    struct Case { const wchar_t *path, *directory, *name; } cases[] = {
+        {L"C:\\Program Files\\App\\run.exe", L"C:\\Program Files\\App", L"run.exe"},
+        {L"C:\\run.exe", L"C:\\", L"run.exe"}, {L"\\\\srv\\share\\x.exe", L"\\\\srv\\share", L"x.exe"},
+        {L"run.exe", L"", L"run.exe"},
+        {L"C:run.exe", L"C:", L"run.exe"}, // relative to the drive's current folder
+    };
+    for (const Case& c : cases)
+    {
+        CEnvironmentEx env;
+        ASSERT_EQ(QXCommon::CQXEnvironmentVars::DefineKestrovaFileEnvVariables(c.path, env), 1);
+        std::wstring name, directory, path;
+        EXPECT_EQ(env.Lookup(L"%ExecutableName%", name) + env.Lookup(L"directoryname", directory) +
+                      env.Lookup(L"FULLPATHNAME", path), 3);
+        EXPECT_EQ(name + L"|" + directory + L"|" + path, std::wstring(c.name) + L"|" + c.directory + L"|" + c.path);
+    }
+    CEnvironmentEx env;
+    EXPECT_EQ(QXCommon::CQXEnvironmentVars::DefineKestrovaFileEnvVariables(L"", env), 0);
+    EXPECT_EQ(TableOf(env).size(), 0u);
+
+    using QXCommon::CQXEnvironmentVars_ProcessEnv;
+    ASSERT_TRUE(CQXEnvironmentVars_ProcessEnv::DefineKestrovaFileEnvVariables(L"C:\\Apps\\tool.exe"));
+    std::wstring expanded, inPlace = L"%ExecutableName%|%DirectoryName%";
+    EXPECT_EQ(CQXEnvironmentVars_ProcessEnv::ExpandEnvVariables(L"%FullPathName%", expanded) +
+                  CQXEnvironmentVars_ProcessEnv::ExpandEnvVariables(inPlace), 0u);
+    EXPECT_EQ(expanded + L"|" + inPlace, L"C:\\Apps\\tool.exe|tool.exe|C:\\Apps");
+    // An empty value sets nothing.
+    EXPECT_TRUE(CQXEnvironmentVars_ProcessEnv::DefineIndividualKestrovaFileEnvVariable(L"QxEnvEmpty", L""));
+    EXPECT_EQ(GetEnvironmentVariableW(L"QXENVEMPTY", nullptr, 0), 0u);
+}
+
+TEST(EnvironmentConcurrency, SharedTableStaysConsistent)
+{
+    constexpr int Iterations = 3000;
+    CEnvironmentEx env{1};
+    auto block = Block({L"root=C:\\R", L"sub=%root%\\S", L"flip=A", L"SystemRoot=C:\\R"});
+    ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+    std::atomic<int> bad{0};
+    auto check = [&](bool ok) { bad += ok ? 0 : 1; };
+
+    auto expand = [&](int i) {
+        std::wstring out, inPlace = L"50% %root%", rx;
+        check(env.ExpandString(L"%SUB%\\%flip%\\x", out) == 1 && (out == L"C:\\R\\S\\A\\x" || out == L"C:\\R\\S\\B\\x"));
+        // Unknown names stay as written.
+        const std::wstring spelling = i % 2 ? L"%gone%" : L"%GONE%";
+        out.clear();
+        env.ExpandString((spelling + L"|%root%").c_str(), out);
+        check(out == L"G|C:\\R" || out == spelling + L"|C:\\R");
+        env.ExpandString(inPlace);
+        check(inPlace == L"50% C:\\R");
+        check(env.ExpandRxString(L"%root%\\\\.*", rx) == 1 && rx == L"C:\\\\R\\\\.*");
+    };
+    auto read = [&](int) {
+        std::wstring value, path = L"C:\\R\\App\\X.EXE";
+        check(env.Lookup(L"%FLIP%", value) == 1 && (value == L"A" || value == L"B"));
+        env.NormalisePaths(path);
+        check(path == L"%systemroot%\\app\\x.exe");
+        auto copy = env.GetAsEnvironmentBlock();
+        check(copy.size() >= 2 && copy[copy.size() - 1] == L'\0' && copy[copy.size() - 2] == L'\0');
+    };
+    auto write = [&](int i) {
+        env.Add(L"FLIP", i % 2 ? L"A" : L"B");
+        if (i % 3 == 0)
+            env.Remove(L"gone");
+        else
+            env.Add(std::wstring(L"Gone"), std::wstring(L"G"));
+        if (i % 5 == 0)
+            env.ResetAccellerator();
+        // The cache is switched off and on now and then, and left on at the end.
+        if (i % 97 == 0 || i == Iterations - 1)
+            env.EnableAccellerator(i % 2 || i == Iterations - 1);
+    };
+
+    // A deadlock would leave threads that cannot be joined: the run ends here then.
+    std::atomic<int> finished{0};
+    std::vector<std::thread> threads;
+    for (const auto& step : std::vector<std::function<void(int)>>{expand, expand, expand, read, read, write, write})
+        threads.emplace_back([&, step] {
+            for (int i = 0; i < Iterations; ++i)
+                step(i);
+            ++finished;
+        });
+    for (int waited = 0; finished < 7 && waited < 1800; ++waited)
+        Sleep(100);
+    if (finished < 7)
+    {
+        std::fprintf(stderr, "threads did not finish within 180 s (deadlock)\n");
+        TerminateProcess(GetCurrentProcess(), 3);
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(bad.load(), 0);
+}
+
+namespace
+{
+// What the table should hold for a value the system gave: short names made long.
+std::wstring LongForm(const std::wstring& value)
+{
+    wchar_t buffer[MAX_PATH * 4];
+    DWORD n = value.find(L'~') == std::wstring::npos ? 0 : GetLongPathNameW(value.c_str(), buffer, MAX_PATH * 4);
+    return n > 0 && n < MAX_PATH * 4 ? std::wstring(buffer, n) : value;
+}
+
+// The table holds the system's environment for the token (and nothing of
+// the calling process's own), with the account's user name.
+void ExpectTableMatchesSystem(const CEnvironmentEx& env, HANDLE token)
+{
+    auto system = SystemEnvironment(token);
+    for (auto& [name, value] : system)
+        value = LongForm(value);
+    wchar_t user[256];
+    DWORD chars = 256;
+    ASSERT_TRUE(GetUserNameW(user, &chars) && system.size() > 5);
+    EXPECT_EQ(env.UserName(), user);
+    system[L"username"] = user; // LoadUserName sets it from the account
+    EXPECT_EQ(TableOf(env), system);
+}
+} // namespace
+
+TEST(EnvironmentLoad, FromOwnTokenMatchesTheSystem)
+{
+    CHandle token = OwnToken();
+    CEnvironmentEx env;
+    QXTest::LogCapture capture;
+    SetEnvironmentVariableW(L"QXONLYINTHISPROCESS", L"1");
+    ASSERT_EQ(env.LoadFromTokenHandle(token, 0), 1) << capture.Dump();
+    SetEnvironmentVariableW(L"QXONLYINTHISPROCESS", nullptr);
+    ExpectTableMatchesSystem(env, token);
+    EXPECT_TRUE(capture.HasFragment(L"LoadUserName - Domain: [")) << capture.Dump();
+    EXPECT_FALSE(capture.HasFragment(L"DestroyEnvironmentBlock")) << capture.Dump();
+
+    // Expansion with the table agrees with the system's expansion for the user.
+    for (const wchar_t* text : {L"%SystemRoot%\\System32\\x.exe", L"%USERPROFILE%\\Desktop", L"%ProgramFiles%\\A",
+                                L"%windir%|%SYSTEMDRIVE%|%NoSuchVariable%"})
+    {
+        std::wstring ours, system;
+        ASSERT_EQ(env.ExpandString(text, ours), 1) << QXTest::Narrow(text);
+        ASSERT_EQ(CEnvironmentEx::ExpandStringDirectForUser(token, text, system), 0u) << QXTest::Narrow(text);
+        EXPECT_EQ(Lower(ours), Lower(LongForm(system))) << QXTest::Narrow(text);
+    }
+
+    // A reload keeps variables of other names and replaces those it brings.
+    env.Add(L"QxOnlyHere", L"kept");
+    env.Add(L"SystemRoot", L"replaced later");
+    ASSERT_EQ(env.LoadFromTokenHandle(token, 0), 1);
+    std::wstring value, kept;
+    EXPECT_TRUE(env.Lookup(L"qxonlyhere", kept) && env.Lookup(L"systemroot", value) && value != L"replaced later");
+}
+
+TEST(EnvironmentLoad, FromProcessById)
+{
+    // Another process of the test's user, held suspended while it is read.
+    wchar_t self[MAX_PATH];
+    std::wstring line = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) + L"\"";
+    STARTUPINFOW si{sizeof si};
+    PROCESS_INFORMATION pi{};
+    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr, &si, &pi));
+    CHandle process(pi.hProcess), thread(pi.hThread);
+    CEnvironmentEx env;
+    QXTest::LogCapture capture;
+    const int loaded = env.LoadFromProcess(pi.dwProcessId);
+    TerminateProcess(process, 0);
+    ASSERT_EQ(loaded, 1) << capture.Dump();
+    ExpectTableMatchesSystem(env, OwnToken());
+
+    CEnvironmentEx bad;
+    capture.Clear();
+    EXPECT_EQ(bad.LoadFromProcess(0), 0);
+    EXPECT_EQ(capture.Count(), 0u);
+    // Process ids are multiples of 4: this one cannot exist.
+    EXPECT_EQ(bad.LoadFromProcess(0xFFFFFFF1), 0);
+    EXPECT_TRUE(capture.HasFragment(L"Failed to open process -  error ")) << capture.Dump();
+    EXPECT_EQ(TableOf(bad).size(), 0u);
+
+    // A token that is not one: the system's default environment is used.
+    capture.Clear();
+    const int result = bad.LoadFromTokenHandle(GetCurrentThread(), 0);
+    if (!capture.HasFragment(L"try with null token"))
+        GTEST_SKIP() << "this system builds an environment block for a handle that is not a token";
+    EXPECT_EQ(result, 1) << capture.Dump();
+    EXPECT_TRUE(capture.HasFragment(L"LoadUserName failed [")) << capture.Dump();
+    std::wstring value;
+    EXPECT_EQ(bad.Lookup(L"systemroot", value), 1);
+}
+
+TEST(EnvironmentLoad, PerSessionTemporaryFolders)
+{
+    CHandle token = OwnToken();
+    auto system = SystemEnvironment(token);
+    ASSERT_TRUE(system.count(L"temp"));
+    const std::wstring temp = LongForm(system[L"temp"]), tmp = system.count(L"tmp") ? LongForm(system[L"tmp"]) : L"";
+
+    // "PerSessionTempDir" under both keys, put back as it was afterwards.
+    const wchar_t* const policyKey = L"Software\\Policies\\Microsoft\\Windows NT\\Terminal Services";
+    QXTest::SavedRegValue policy{HKEY_LOCAL_MACHINE, policyKey, L"PerSessionTempDir"};
+    QXTest::SavedRegValue server{HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\Terminal Server",
+                                 L"PerSessionTempDir"};
+    auto set = [](const QXTest::SavedRegValue& saved, DWORD type, ULONGLONG value) {
+        return type == REG_SZ ? saved.SetString(L"1") : saved.Set(type, &value, type == REG_QWORD ? 8 : 4);
+    };
+    struct Case { DWORD policyType, policyValue, serverType, serverValue; bool enabled; const wchar_t* decidingLog; };
+    const Case cases[] = {
+        {REG_DWORD, 1, REG_DWORD, 0, true,
+         L"Got PerSessionTempValue from key Software\\Policies\\Microsoft\\Windows NT\\Terminal Services. Value 1\n"},
+        {REG_DWORD, 0, REG_DWORD, 1, false,
+         L"Got PerSessionTempValue from key Software\\Policies\\Microsoft\\Windows NT\\Terminal Services. Value 0\n"},
+        {REG_NONE, 0, REG_DWORD, 7, true,
+         L"Got PerSessionTempValue from key System\\CurrentControlSet\\Control\\Terminal Server. Value 7\n"},
+        {REG_SZ, 0, REG_DWORD, 1, true,
+         L"Failed to query the PerSessionTempDir value in Software\\Policies\\Microsoft\\Windows NT\\Terminal "
+         L"Services. Error: 13\n"},
+        {REG_QWORD, 1, REG_NONE, 0, false, L"Failed to query either PerSessionTempDir key. Error: 2\n"},
+        {REG_NONE, 0, REG_NONE, 0, false, L"Failed to query either PerSessionTempDir key. Error: 2\n"},
+        {REG_SZ, 0, REG_SZ, 0, false, L"Failed to query either PerSessionTempDir key. Error: 13\n"},
+    };
+    for (const Case& c : cases)
+    {
+        ASSERT_TRUE(set(policy, c.policyType, c.policyValue) && set(server, c.serverType, c.serverValue));
+        for (DWORD session : {0u, 3u})
+        {
+            CEnvironmentEx env;
+            QXTest::LogCapture capture;
+            ASSERT_EQ(env.LoadFromTokenHandle(token, session), 1);
+            EXPECT_LOGGED(capture, c.decidingLog);
+            const std::wstring suffix = c.enabled && session != 0 ? L"\\3" : L"";
+            std::wstring value;
+            EXPECT_TRUE(env.Lookup(L"TEMP", value) == 1 && value == temp + suffix) << QXTest::Narrow(value);
+            EXPECT_TRUE(tmp.empty() || (env.Lookup(L"tmp", value) == 1 && value == tmp + suffix));
+            // Other folders are never suffixed.
+            EXPECT_TRUE(env.Lookup(L"systemroot", value) == 1 && value.find(L"\\3") == std::wstring::npos);
+        }
+    }
+}
+
+TEST(EnvironmentLoad, ShortNamesInValuesBecomeLong)
+{
+    QXTest::TempDir dir;
+    std::wstring longFolder = dir.MakeDir(L"A Rather Long Folder Name.With Dots");
+    wchar_t shortPath[MAX_PATH * 4];
+    std::wstring shortForm(shortPath, GetShortPathNameW(longFolder.c_str(), shortPath, MAX_PATH * 4));
+    if (shortForm.find(L'~') == std::wstring::npos)
+        GTEST_SKIP() << "the file system gives no 8.3 name for " << QXTest::Narrow(longFolder);
+    CEnvironmentEx env;
+    QXTest::LogCapture capture;
+    auto block = Block({L"ShortOne=" + shortForm, L"Missing=C:\\NOSUCH~1\\X~2", L"Plain=C:\\Plain"});
+    ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+    std::wstring value;
+    ASSERT_EQ(env.Lookup(L"shortone", value), 1);
+    EXPECT_EQ(value, LongForm(shortForm));
+    EXPECT_EQ(Lower(value), Lower(longFolder));
+    EXPECT_ENV_LOG(capture, 4, "EnsureLongFileName", L"Found environment variable path with a tilde: [" + shortForm + L"].\n");
+    EXPECT_ENV_LOG(capture, 4, "EnsureLongFileName", L"Converted to long [" + value + L"]\n");
+    // A name that does not exist stays as it was.
+    ASSERT_EQ(env.Lookup(L"missing", value), 1);
+    EXPECT_EQ(value, L"C:\\NOSUCH~1\\X~2");
+}
+
+TEST(EnvironmentDirect, ExpandWithTheProcessEnvironmentAndForAUser)
+{
+    std::wstring out;
+    for (const wchar_t* input : {L"%SystemRoot%\\x", L"no references", L"%QX_NO_SUCH_VAR%", L"50% off"})
+    {
+        wchar_t expected[4096];
+        ASSERT_GT(ExpandEnvironmentStringsW(input, expected, 4096), 0u);
+        QXTest::LogCapture capture;
+        ASSERT_EQ(CEnvironmentEx::ExpandStringDirect(input, out), 0u);
+        EXPECT_EQ(out, expected);
+        EXPECT_ENV_LOG(capture, 4, "ExpandStringDirect", L"String Expanded, length [" + std::to_wstring(out.size()) + L"].\n");
+    }
+    CHandle token = OwnToken();
+    QXTest::LogCapture capture;
+    out = L"kept";
+    EXPECT_NE(CEnvironmentEx::ExpandStringDirect(L"", out) * CEnvironmentEx::ExpandStringDirectForUser(token, L"", out), 0u);
+    EXPECT_EQ(out, L"kept");
+    EXPECT_ENV_LOG(capture, 1, "ExpandStringDirect", L"Input String is empty.\n");
+    // "%PATH%" is 6 characters, its value far longer than the first buffer of
+    // 12: the buffer is doubled until it fits, 10 times at most (10240
+    // characters). The system expands for the token's user; under this
+    // platform that may be the process's own environment.
+    ASSERT_EQ(CEnvironmentEx::ExpandStringDirectForUser(token, L"%PATH%", out), 0u);
+    EXPECT_EQ(out, SystemEnvironment(token)[L"path"]);
+    SetEnvironmentVariableW(L"QXENVBIG", std::wstring(20000, L'b').c_str());
+    out = L"kept";
+    DWORD error = CEnvironmentEx::ExpandStringDirectForUser(token, L"%QXENVBIG%", out);
+    SetEnvironmentVariableW(L"QXENVBIG", nullptr);
+    if (error == 0 && out == L"%QXENVBIG%")
+        GTEST_SKIP() << "the system expands for the user's profile environment, not the process's";
+    EXPECT_EQ(error, static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER)) << QXTest::Narrow(out.substr(0, 40));
+    EXPECT_EQ(out, L"kept");
+    EXPECT_ENV_LOG(capture, 1, "ExpandStringDirectForUser", L"Max attempts - failed to expand.\n");
+}
