@@ -22,3 +22,7 @@
 #include "ExpandArgs.h"
 #include "QXEnvironmentVars.h"
 #include "QXEnvironmentVars_ProcessEnv.h"
+
+#include "DigitalCertificate.h"
+#include "DigitalCertificateUI.h"
+#include "VerifySignedFile.h"
