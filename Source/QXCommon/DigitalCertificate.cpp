@@ -14,6 +14,7 @@
 #include <wintrust.h>
 
 #include <cstdint>
+#include <cwchar>
 #include <memory>
 #include <new>
 #include <string>
@@ -409,14 +410,15 @@ BSTR CDigitalCertificate::GetProperty(DWORD type) const
     }
     // The length includes the terminating NUL (1 when there is no such name).
     const DWORD length = ::CertGetNameStringW(m_Context, type, 0, nullptr, nullptr, 0);
-    BSTR name = ::SysAllocStringLen(nullptr, length > 0 ? length - 1 : 0);
-    if (name == nullptr)
-    {
-        QXLOG_ERROR(function, L"SysAllocStringLen failed - error {}\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
-        return nullptr;
-    }
+    std::wstring text(length > 0 ? length : 1, L'\0');
     if (length > 0)
-        ::CertGetNameStringW(m_Context, type, 0, nullptr, name, length);
+        ::CertGetNameStringW(m_Context, type, 0, nullptr, text.data(), length);
+    // Up to the first NUL: some platforms count a property's bytes, not its
+    // characters, and pad the text with NULs.
+    text.resize(std::wcslen(text.c_str()));
+    BSTR name = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    if (name == nullptr)
+        QXLOG_ERROR(function, L"SysAllocStringLen failed - error {}\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
     return name;
 }
 
@@ -513,12 +515,23 @@ DWORD CDigitalCertificate::SerialiseContext(BYTE* buffer, DWORD size) const
         QXLOG_ERROR(function, L"Cannot CertSerializeCertificateStoreElement because m_context is NULL.\n");
         return 0;
     }
-    DWORD written = size;
+    // The size is asked first and exactly that much is written: some
+    // platforms report the whole buffer as written when it is larger.
+    DWORD needed = 0;
+    if (!::CertSerializeCertificateStoreElement(m_Context, 0, nullptr, &needed) || needed > size)
+    {
+        const DWORD error = needed > size ? static_cast<DWORD>(ERROR_MORE_DATA) : ::GetLastError();
+        QXLOG_ERROR(function, L"Failed to CertSerializeCertificateStoreElement ({} bytes needed, {} given) - error {}\n",
+                    needed, size, error);
+        return 0;
+    }
+    DWORD written = needed;
     if (!::CertSerializeCertificateStoreElement(m_Context, 0, buffer, &written))
     {
         QXLOG_ERROR(function, L"Failed to CertSerializeCertificateStoreElement - error {}\n", ::GetLastError());
         return 0;
     }
+    written = needed;
     QXLOG_INFO(function, L"Wrote {} bytes of data to the buffer.\n", written);
     return written;
 }

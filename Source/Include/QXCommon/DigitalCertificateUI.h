@@ -40,8 +40,10 @@ public:
     // when cancelled or when the picker is not available.
     PCCERT_CONTEXT ShowSelectionUI(HCERTSTORE store);
 
-    // The certificate viewer, titled "Certificate". Non-zero when the viewer
-    // was shown; 0 for an empty certificate or when it could not be shown.
+    // The certificate viewer, titled "Certificate". Non-zero when the platform
+    // reports the viewer shown and closed; 0 for an empty certificate, when it
+    // could not be shown, and where the platform reports closing it as
+    // cancelling.
     int ViewCertificate(const CDigitalCertificate& certificate);
     int ViewCertificate(PCCERT_CONTEXT context);
 

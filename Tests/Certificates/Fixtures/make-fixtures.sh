@@ -8,7 +8,8 @@
 #   other-root.cer        a second root that nobody trusts
 #   signer.cer            code-signing leaf under root, valid 2020-2045
 #   expired.cer           code-signing leaf under root, valid 2020 only
-#   untrusted.cer         code-signing leaf under other-root
+#   untrusted.cer         code-signing leaf under other-root, with the serial
+#                         number of signer (only the issuer tells them apart)
 #   unsigned.exe          SAMPLE_EXE as built
 #   signed.exe            signed by signer
 #   expired.exe           signed by expired
@@ -38,7 +39,7 @@ cat > ca.cnf <<'CNF'
 [ ca ]
 default_ca = qx
 [ qx ]
-database = index.txt
+database = $ENV::QX_CA_DATABASE
 new_certs_dir = .
 serial = serial
 default_md = sha256
@@ -59,18 +60,22 @@ extendedKeyUsage = codeSigning
 subjectKeyIdentifier = hash
 authorityKeyIdentifier = keyid
 CNF
-: > index.txt
 
 # certificate NAME SERIAL COMMON-NAME NOT-BEFORE NOT-AFTER ISSUER|self
 certificate() {
     "$openssl" req -new -newkey rsa:2048 -nodes -keyout "$1.key" -out "$1.csr" \
         -subj "/CN=$3/O=QXCommon Tests" 2>/dev/null
     echo "$2" > serial
+    # One database per issuer: serial numbers are unique per issuer only.
     if [ "$6" = self ]; then
+        QX_CA_DATABASE=$1.index
         signing="-selfsign -keyfile $1.key -extensions root_ext"
     else
+        QX_CA_DATABASE=$6.index
         signing="-cert $6.pem -keyfile $6.key -extensions leaf_ext"
     fi
+    export QX_CA_DATABASE
+    [ -f "$QX_CA_DATABASE" ] || : > "$QX_CA_DATABASE"
     # shellcheck disable=SC2086
     "$openssl" ca -batch -config ca.cnf -notext $signing -in "$1.csr" -out "$1.pem" \
         -startdate "$4" -enddate "$5" 2>/dev/null
@@ -85,7 +90,7 @@ certificate root 1000 "QXCommon Test Root" 20200101000000Z 20451231235959Z self
 certificate other-root 2000 "QXCommon Other Root" 20200101000000Z 20451231235959Z self
 certificate signer 1001 "QXCommon Test Signer" 20200101000000Z 20451231235959Z root
 certificate expired 1002 "QXCommon Expired Signer" 20200101000000Z 20210101000000Z root
-certificate untrusted 2001 "QXCommon Untrusted Signer" 20200101000000Z 20451231235959Z other-root
+certificate untrusted 1001 "QXCommon Untrusted Signer" 20200101000000Z 20451231235959Z other-root
 
 cp "$sample" "$out/unsigned.exe"
 
