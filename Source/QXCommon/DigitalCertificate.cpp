@@ -202,18 +202,11 @@ DWORD CDigitalCertificate::ReadFromCERFile(const std::wstring& path)
     const DWORD length = static_cast<DWORD>(size.QuadPart);
     std::unique_ptr<BYTE[]> bytes(new BYTE[length != 0 ? length : 1]);
     DWORD total = 0;
-    while (total < length)
+    if (!::ReadFile(file, bytes.get(), length, &total, nullptr))
     {
-        DWORD read = 0;
-        if (!::ReadFile(file, bytes.get() + total, length - total, &read, nullptr))
-        {
-            error = ::GetLastError();
-            QXLOG_ERROR(function, L"Failed to ReadFile [{}] - error {}\n", path, error);
-            return error;
-        }
-        if (read == 0)
-            break; // the file shrank while it was read
-        total += read;
+        error = ::GetLastError();
+        QXLOG_ERROR(function, L"Failed to ReadFile [{}] - error {}\n", path, error);
+        return error;
     }
 
     m_Context = ::CertCreateCertificateContext(CertEncoding, bytes.get(), total);
@@ -614,9 +607,9 @@ QXCOMMON_C_API BYTE* ReadFromSignedFile(CDigitalCertificate* certificate, const 
         QXLOG_ERROR(function, L"Failed to MultiByteToWideChar - error {}\n", ::GetLastError());
         return nullptr;
     }
-    std::wstring widePath(static_cast<size_t>(length), L'\0');
-    ::MultiByteToWideChar(CP_THREAD_ACP, 0, path, -1, widePath.data(), length);
-    widePath.resize(static_cast<size_t>(length - 1));
+    std::unique_ptr<wchar_t[]> converted(new wchar_t[static_cast<size_t>(length)]);
+    ::MultiByteToWideChar(CP_THREAD_ACP, 0, path, -1, converted.get(), length);
+    const std::wstring widePath(converted.get());
 
     if (certificate->ReadFromSignedFile(widePath) != ERROR_SUCCESS)
         return nullptr;

@@ -253,6 +253,8 @@ TEST(Certificate, CertificateTable)
     DWORD length = 0;
     EXPECT_FALSE(CDigitalCertificate::GetRawCertificateData(missing, 0, data, length));
     EXPECT_FALSE(CDigitalCertificate::GetRawCertificateData(FixturePath(L"signer.cer"), 0, data, length));
+    EXPECT_FALSE(CDigitalCertificate::GetNumberOfCertificatesFromFile(FixturePath(L"signer.cer"), count));
+    EXPECT_TRUE(log.HasFragment(L"Failed to ImageEnumerateCertificates [")) << log.Dump();
     EXPECT_EQ(nullptr, data);
 }
 
@@ -342,6 +344,7 @@ TEST(Certificate, ReadFailures)
         EXPECT_NE(0u, error);
         EXPECT_EQ(nullptr, certificate.GetContext());
         EXPECT_TRUE(log.HasFragment(c.logText)) << log.Dump();
+        EXPECT_TRUE(log.HasFragment(L"error " + std::to_wstring(error) + L"\n")) << error << log.Dump();
         EXPECT_EQ(!c.signedRead, log.Has(4, "QXCommon::CDigitalCertificate::ReadFromCERFile",
                                          L"m_Context should have been NULL, CertFreeCertificateContext returned [1].\n"));
     }
