@@ -75,7 +75,8 @@ void Run(qxbench::Runner& runner)
     QXCommon::CDigitalCertificate signer;
     if (!trust.Ok() || signer.ReadFromSignedFile(path) != 0)
     {
-        fputws((L"signature: " + path + L" is missing or its root cannot be trusted (build the tests first)\n").c_str(), stdout);
+        fputws((L"signature: " + path + L" is missing or its root cannot be trusted (build the tests first)\n").c_str(),
+               stdout);
         return;
     }
     ATL::CAccessToken token;

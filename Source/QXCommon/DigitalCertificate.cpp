@@ -514,8 +514,9 @@ DWORD CDigitalCertificate::SerialiseContext(BYTE* buffer, DWORD size) const
     if (!::CertSerializeCertificateStoreElement(m_Context, 0, nullptr, &needed) || needed > size)
     {
         const DWORD error = needed > size ? static_cast<DWORD>(ERROR_MORE_DATA) : ::GetLastError();
-        QXLOG_ERROR(function, L"Failed to CertSerializeCertificateStoreElement ({} bytes needed, {} given) - error {}\n",
-                    needed, size, error);
+        QXLOG_ERROR(function,
+                    L"Failed to CertSerializeCertificateStoreElement ({} bytes needed, {} given) - error {}\n", needed,
+                    size, error);
         return 0;
     }
     DWORD written = needed;
@@ -535,7 +536,8 @@ bool CDigitalCertificate::DeserialiseContext(DWORD size, const BYTE* buffer)
     Release();
     if (buffer == nullptr || size == 0)
     {
-        QXLOG_ERROR(function, L"Failed: Unable to create certificate [{}]", static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+        QXLOG_ERROR(function, L"Failed: Unable to create certificate [{}]",
+                    static_cast<DWORD>(ERROR_INVALID_PARAMETER));
         return false;
     }
 

@@ -1,9 +1,9 @@
 #pragma once
-// The certificate and signed-file fixtures that the build makes (see
-// Fixtures/make-fixtures.sh for the list) and the machine trust they need.
-// Other suites (and qxbench) may include this header: they depend on the
-// qxcert_fixtures target, link crypt32, and hold a TestRootTrust while they
-// verify. Header only, with no other dependency.
+// The certificate and signed-file fixtures that the build makes (listed in
+// Fixtures/make-fixtures.sh) and the machine trust they need. Header only:
+// other suites (and qxbench) may include it; they depend on the
+// qxcert_fixtures target, link crypt32 and hold a TestRootTrust while they
+// verify.
 
 #include <windows.h>
 #include <wincrypt.h>
@@ -19,10 +19,8 @@ namespace QXTest::Certs
 inline std::wstring FixturePath(const std::wstring& name)
 {
     wchar_t module[MAX_PATH] = {};
-    const DWORD length = GetModuleFileNameW(nullptr, module, MAX_PATH);
-    std::wstring folder(module, length);
-    folder.resize(folder.find_last_of(L'\\') != std::wstring::npos ? folder.find_last_of(L'\\') : 0);
-    return folder + L"\\certs\\" + name;
+    const std::wstring program(module, GetModuleFileNameW(nullptr, module, MAX_PATH));
+    return program.substr(0, program.find_last_of(L'\\')) + L"\\certs\\" + name;
 }
 
 inline std::vector<BYTE> ReadBytes(const std::wstring& path)
@@ -31,21 +29,21 @@ inline std::vector<BYTE> ReadBytes(const std::wstring& path)
     return std::vector<BYTE>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+inline bool OnWine()
+{
+    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
 // While alive, the fixtures' root (root.cer) is trusted by the machine (its
 // ROOT store) and the second root (other-root.cer) is known but not trusted
-// (its CA store), so that the untrusted leaf's chain ends in an untrusted
-// root rather than an unknown issuer. Both go through the machine's registry
-// stores (adding to the user's ROOT store asks the user on Windows) and are
-// removed on destruction. Stores are closed after each change: that is when
-// the platform writes them.
+// (its CA store), so that the untrusted leaf's chain ends in an untrusted root
+// rather than at an unknown issuer. Both go through the machine's registry
+// stores (adding to the user's ROOT store asks the user on Windows), which
+// the platform writes when they are closed, and are removed on destruction.
 class TestRootTrust
 {
 public:
-    TestRootTrust()
-    {
-        Change(L"ROOT", L"root.cer", true);
-        Change(L"CA", L"other-root.cer", true);
-    }
+    TestRootTrust() : m_ok(Change(L"ROOT", L"root.cer", true) && Change(L"CA", L"other-root.cer", true)) {}
     ~TestRootTrust()
     {
         Change(L"ROOT", L"root.cer", false);
@@ -57,41 +55,29 @@ public:
     bool Ok() const { return m_ok; }
 
 private:
-    void Change(const wchar_t* storeName, const wchar_t* file, bool add)
+    static bool Change(const wchar_t* storeName, const wchar_t* file, bool add)
     {
         const std::vector<BYTE> bytes = ReadBytes(FixturePath(file));
-        HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE,
-                                         storeName);
-        if (store == nullptr || bytes.empty())
+        PCCERT_CONTEXT certificate =
+            CertCreateCertificateContext(X509_ASN_ENCODING, bytes.data(), static_cast<DWORD>(bytes.size()));
+        HCERTSTORE store =
+            CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, storeName);
+        bool done = false;
+        if (certificate != nullptr && store != nullptr)
         {
-            m_ok = false;
-            if (store != nullptr)
-                CertCloseStore(store, 0);
-            return;
+            if (add)
+                done = CertAddCertificateContextToStore(store, certificate, CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
+            else if (PCCERT_CONTEXT found = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0,
+                                                                       CERT_FIND_EXISTING, certificate, nullptr))
+                done = CertDeleteCertificateFromStore(found); // frees found
         }
-        if (add)
-        {
-            m_ok = CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, bytes.data(),
-                                                    static_cast<DWORD>(bytes.size()), CERT_STORE_ADD_REPLACE_EXISTING,
-                                                    nullptr) != FALSE &&
-                   m_ok;
-        }
-        else
-        {
-            PCCERT_CONTEXT wanted =
-                CertCreateCertificateContext(X509_ASN_ENCODING, bytes.data(), static_cast<DWORD>(bytes.size()));
-            PCCERT_CONTEXT found =
-                wanted != nullptr ? CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, wanted,
-                                                               nullptr)
-                                  : nullptr;
-            if (found != nullptr)
-                CertDeleteCertificateFromStore(found); // frees found
-            if (wanted != nullptr)
-                CertFreeCertificateContext(wanted);
-        }
-        CertCloseStore(store, 0);
+        if (store != nullptr)
+            CertCloseStore(store, 0);
+        if (certificate != nullptr)
+            CertFreeCertificateContext(certificate);
+        return done;
     }
 
-    bool m_ok = true;
+    bool m_ok;
 };
 } // namespace QXTest::Certs

@@ -31,7 +31,8 @@ TEST(InspectSig, AnswersAndExitCodes)
     } const cases[] = {
         {L"--json sig --enforce-expiry --ignore 0xF00" + cert + L" " + fixture(L"signed.exe"), 0,
          {"\"verified\": true", "\"name\": \"QXCommon Test Signer\"", "\"expires\": \"2045-12-31 23:59:59 UTC\"",
-          "\"revocation unknown\"", "\"policyErrorHex\": \"0x00000000\"", "\"certificateTableEntries\": 1", "\"matchesCert\": true",
+          "\"revocation unknown\"", "\"policyErrorHex\": \"0x00000000\"", "\"certificateTableEntries\": 1",
+          "\"matchesCert\": true",
           "\"cert\": \"QXCommon Test Signer\""}},
         {L"--json sig --ignore 0xF00" + cert + L" " + fixture(L"untrusted.exe"), 1,
          {"\"resultName\": \"CERT_E_UNTRUSTEDROOT\"", "\"chainErrors\": [\n          \"untrusted root\"",

@@ -213,7 +213,8 @@ int CheckFile(Context& context, const std::wstring& path, Options& options, cons
         {
             Out(L"  signer:          (none: " + ResultText(static_cast<HRESULT>(readError)) + L")\n");
         }
-        Out(L"  table entries:   " + (haveEntries ? std::to_wstring(entries) : std::wstring(L"(not a PE image)")) + L"\n");
+        Out(L"  table entries:   " + (haveEntries ? std::to_wstring(entries) : std::wstring(L"(not a PE image)")) +
+            L"\n");
         if (options.haveCert)
             Out(L"  matches cert:    " + BoolText(matches) + L"\n");
     }
