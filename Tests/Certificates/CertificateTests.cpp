@@ -167,6 +167,7 @@ TEST(Certificate, Ownership)
         c.SetContext(context);
         c = empty;
         EXPECT_EQ(nullptr, CDigitalCertificate(c).GetContext());
+        b.SetContext(context); // freed by the destructor
     }
     CertFreeCertificateContext(context);
     if (!checkWorks)
