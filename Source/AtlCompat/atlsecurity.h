@@ -487,6 +487,17 @@ public:
         return ::SetThreadToken(hThread != nullptr ? &hThread : nullptr, impersonation.GetHandle()) != FALSE;
     }
 
+    // Impersonates this token on the calling thread through the system's
+    // ImpersonateLoggedOnUser: an impersonation token needs TOKEN_QUERY and
+    // TOKEN_IMPERSONATE, a primary token TOKEN_QUERY and TOKEN_DUPLICATE.
+    // Revert() (or RevertToSelf) ends it.
+    bool ImpersonateLoggedOnUser() const noexcept
+    {
+        if (m_hToken == nullptr)
+            return InvalidParameter();
+        return ::ImpersonateLoggedOnUser(m_hToken) != FALSE;
+    }
+
     // Takes the impersonation token off the thread (nullptr: the current one).
     bool Revert(HANDLE hThread = nullptr) const noexcept
     {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cwchar>
 #include <cwctype>
 #include <memory>
 #include <set>
@@ -297,12 +298,38 @@ DWORD CEnvironmentEx::CharsRequiredForEnvironmentBlock() const
     return static_cast<DWORD>(chars);
 }
 
+namespace
+{
+// True when the value can be a path holding a short (8.3) name: shorter than
+// MAX_PATH, one path rather than a list, no character that a path cannot
+// hold, and a "~" followed by a digit in one of its parts. Only such values
+// are handed to GetLongPathNameW: other values gain nothing from it, and some
+// platforms' conversion overruns its own buffers on long input.
+bool CouldBeShortPath(const std::wstring& value)
+{
+    if (value.empty() || value.size() >= MAX_PATH)
+        return false;
+    bool shortName = false;
+    for (size_t i = 0; i < value.size(); ++i)
+    {
+        const wchar_t c = value[i];
+        if (c < 0x20 || std::wcschr(L"\"<>|;*?", c) != nullptr)
+            return false;
+        if (c == L'~' && i + 1 < value.size() && value[i + 1] >= L'0' && value[i + 1] <= L'9')
+            shortName = true;
+    }
+    return shortName;
+}
+} // namespace
+
 void CEnvironmentEx::EnsureLongFileName(std::wstring& value)
 {
     if (value.find(L'~') == std::wstring::npos)
         return;
     QXLOG_INFO("QXCommon::CEnvironmentEx::EnsureLongFileName", L"Found environment variable path with a tilde: [{}].\n",
                value);
+    if (!CouldBeShortPath(value))
+        return;
     DWORD chars = GetLongPathNameW(value.c_str(), nullptr, 0);
     if (chars == 0)
         return;
@@ -622,9 +649,10 @@ void CEnvironmentEx::SetupNormalisationEnvVars()
         if (Lookup(name, value) != 1)
             continue;
         QXLOG_INFO("QXCommon::CEnvironmentEx::SetupNormalisationEnvVars", L"Env Var [{}] -> [{}].\n", name, value);
-        while (value.size() > 1 && value.back() == L'\\')
-            value.pop_back();
-        if (value.empty())
+        // The value is entered whole, trailing "\" included, so that the token
+        // expands back to exactly the text it replaced. A value holding "%"
+        // would be expanded further on the way back, so it is not entered.
+        if (value.empty() || value.find(L'%') != std::wstring::npos)
             continue;
         list.emplace_back(Lower(value), L"%" + std::wstring(name) + L"%");
     }
@@ -637,25 +665,50 @@ void CEnvironmentEx::NormalisePaths(std::wstring& path) const
 {
     QXLOG_INFO("QXCommon::CEnvironmentEx::NormalisePaths", L"Input Path [{}].\n", path);
     LowerInPlace(path);
+    // The path as pieces of text and the tokens put in so far: a value is
+    // looked for in the text pieces only, never inside or across a token, so
+    // that every token stands for exactly the text it replaced.
+    struct Piece
+    {
+        std::wstring text;
+        bool token;
+    };
+    std::vector<Piece> pieces{{path, false}};
     CSynchronousMultiRead::CReadLock lock(m_tableLock);
     for (const auto& [value, token] : m_normalisation)
     {
         QXLOG_INFO("QXCommon::CEnvironmentEx::NormalisePaths", L"Try Replacing [{}] with [{}] in [{}].\n", value,
                    token, path);
-        size_t found = path.find(value);
-        if (found == std::wstring::npos)
-            continue;
-        std::wstring out;
-        size_t pos = 0;
-        while (found != std::wstring::npos)
+        std::vector<Piece> next;
+        bool replaced = false;
+        for (Piece& piece : pieces)
         {
-            out.append(path, pos, found - pos);
-            out.append(token);
-            pos = found + value.size();
-            found = path.find(value, pos);
+            size_t found = piece.token ? std::wstring::npos : piece.text.find(value);
+            if (found == std::wstring::npos)
+            {
+                next.push_back(std::move(piece));
+                continue;
+            }
+            replaced = true;
+            size_t pos = 0;
+            while (found != std::wstring::npos)
+            {
+                if (found > pos)
+                    next.push_back({piece.text.substr(pos, found - pos), false});
+                next.push_back({token, true});
+                pos = found + value.size();
+                found = piece.text.find(value, pos);
+            }
+            if (pos < piece.text.size())
+                next.push_back({piece.text.substr(pos), false});
         }
-        out.append(path, pos, std::wstring::npos);
-        path.swap(out);
+        pieces.swap(next);
+        if (replaced)
+        {
+            path.clear();
+            for (const Piece& piece : pieces)
+                path += piece.text;
+        }
     }
     QXLOG_INFO("QXCommon::CEnvironmentEx::NormalisePaths", L"Final Path [{}].\n", path);
 }

@@ -29,8 +29,18 @@ bool IsSearchCandidate(const std::wstring& arg)
            arg.find_first_of(L"\\/:") == std::wstring::npos;
 }
 
-bool NeedsQuotes(const std::wstring& arg)
+// Whether the argument must be written between quotes to be cut out again
+// as it is: it holds a separator, begins with a quote (which would otherwise
+// open a quoted argument), or is an empty last argument (which would
+// otherwise vanish). Inside quotes every character stands for itself up to a
+// quote followed by a separator or the end, and no argument that the cutting
+// gives, nor a full path, holds one.
+bool NeedsQuotes(const std::wstring& arg, bool last)
 {
+    if (arg.empty())
+        return last;
+    if (arg.front() == L'"')
+        return true;
     for (wchar_t c : arg)
     {
         if (IsSeparator(c))
@@ -123,7 +133,7 @@ void CExpandArgs::ExpandArguments(std::wstring& result, const std::vector<wchar_
 
         if (i > 0)
             result += L' ';
-        if (NeedsQuotes(arg) && arg.find(L'"') == std::wstring::npos)
+        if (NeedsQuotes(arg, i + 1 == args.size()))
         {
             result += L'"';
             result += arg;

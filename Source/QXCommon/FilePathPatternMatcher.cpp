@@ -2,12 +2,13 @@
 //
 // The wildcard walk folds both texts to lower case into work buffers (1024
 // characters on the stack; the heap only for texts of 1023 characters or
-// more) and walks them once, without allocation. Case folding goes through a
-// table of all 65,536 UTF-16 code units built once per process, so that a
-// character costs one load.
+// more) and walks them once, without allocation. Case folding goes through
+// the invariant lower-case table of all 65,536 UTF-16 code units
+// (CaseFolding.h), so that a character costs one load.
 
 #include "QXCommon/FilePathPatternMatcher.h"
 
+#include "CaseFolding.h"
 #include "QXCommon/QXRegEx.h"
 #include "QXLog.h"
 
@@ -22,35 +23,7 @@ namespace
 constexpr wchar_t EmptyParameters[] = L"One of the parameters was empty. Return no match.\n";
 constexpr wchar_t EmptyOrInvalidParameters[] = L"One of the parameters was empty or invalid. Return no match.\n";
 
-// Lower case of every UTF-16 code unit (surrogates map to themselves).
-struct FoldTable
-{
-    wchar_t lower[0x10000];
-
-    FoldTable()
-    {
-        for (size_t i = 0; i < 0x10000; ++i)
-            lower[i] = static_cast<wchar_t>(i);
-        std::vector<wchar_t> source(0x10000);
-        for (size_t i = 0; i < 0x10000; ++i)
-            source[i] = static_cast<wchar_t>(i);
-        // Code unit 0 is left out (it ends the texts); surrogates are
-        // restored afterwards, as adjacent ones may have been read as pairs.
-        if (LCMapStringW(LOCALE_INVARIANT, LCMAP_LOWERCASE, source.data() + 1, 0xFFFF, lower + 1, 0xFFFF) == 0)
-        {
-            for (size_t i = 0; i < 0x10000; ++i)
-                lower[i] = static_cast<wchar_t>(i >= L'A' && i <= L'Z' ? i + (L'a' - L'A') : i);
-        }
-        for (size_t i = 0xD800; i < 0xE000; ++i)
-            lower[i] = static_cast<wchar_t>(i);
-    }
-};
-
-const wchar_t* Fold()
-{
-    static const FoldTable table;
-    return table.lower;
-}
+const wchar_t* Fold() { return CaseFolding::LowerTable(); }
 
 // A text folded to lower case, NUL-terminated: on the stack below 1023
 // characters, on the heap from 1023 characters on.
@@ -193,6 +166,15 @@ std::wstring WithBackslashes(std::wstring text)
     return text;
 }
 
+constexpr wchar_t HoldsNul[] = L"A parameter holds a NUL character. Return no match.\n";
+
+// A NUL never occurs in a Windows path or name: an argument holding one
+// matches nothing (the walk would otherwise stop at it).
+bool EitherHoldsNul(const std::wstring& a, const std::wstring& b)
+{
+    return a.find(L'\0') != std::wstring::npos || b.find(L'\0') != std::wstring::npos;
+}
+
 std::wstring Trim(const std::wstring& text)
 {
     size_t first = text.find_first_not_of(L" \t");
@@ -225,6 +207,11 @@ int CFilePathPatternMatcher::MatchAgainstPattern(const std::wstring& path, const
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", EmptyParameters);
         return 0;
     }
+    if (EitherHoldsNul(path, pattern))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", HoldsNul);
+        return 0;
+    }
     if (ContainsWildCard(pattern))
         return MatchAgainstWildCardPattern(path, pattern, flag);
     if (!ContainsPath(pattern))
@@ -239,6 +226,11 @@ int CFilePathPatternMatcher::MatchAgainstJustFileName(const std::wstring& path, 
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", EmptyParameters);
         return 0;
     }
+    if (EitherHoldsNul(path, name))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", HoldsNul);
+        return 0;
+    }
     size_t separator = LastSeparator(path);
     size_t start = separator == std::wstring::npos ? 0 : separator + 1;
     size_t length = path.size() - start;
@@ -251,6 +243,11 @@ int CFilePathPatternMatcher::MatchAgainstWildCardPattern(const std::wstring& pat
     if (path.empty() || pattern.empty())
     {
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", EmptyParameters);
+        return 0;
+    }
+    if (EitherHoldsNul(path, pattern))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", HoldsNul);
         return 0;
     }
     const wchar_t* fold = Fold();
@@ -274,6 +271,11 @@ int CFilePathPatternMatcher::MatchAgainstFolder(const std::wstring& path, const 
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", EmptyOrInvalidParameters);
         return 0;
     }
+    if (EitherHoldsNul(path, folder))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", HoldsNul);
+        return 0;
+    }
     if (ContainsWildCard(folder))
         return MatchAgainstWildCardFolder(path, folder, includeSubfolders);
     if (path.size() < folder.size())
@@ -293,6 +295,11 @@ int CFilePathPatternMatcher::MatchAgainstWildCardFolder(const std::wstring& path
     if (path.empty() || normalized.empty())
     {
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardFolder", EmptyOrInvalidParameters);
+        return 0;
+    }
+    if (EitherHoldsNul(path, normalized))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardFolder", HoldsNul);
         return 0;
     }
     normalized += L'\\';
@@ -333,6 +340,11 @@ int CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(const std::wstri
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern", EmptyParameters);
         return 0;
     }
+    if (EitherHoldsNul(path, pattern))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern", HoldsNul);
+        return 0;
+    }
     if (ContainsWildCard(pattern))
         return MatchAgainstWildCardPattern(path, pattern, flag);
     std::wstring resource = WithoutTrailingSeparators(pattern);
@@ -348,6 +360,11 @@ int CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern(const std::wst
     if (path.empty() || expression.empty())
     {
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern", EmptyParameters);
+        return 0;
+    }
+    if (EitherHoldsNul(path, expression))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern", HoldsNul);
         return 0;
     }
     RegExHelpers::CQXRegEx regex;
@@ -366,6 +383,11 @@ int CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(const std::wstr
     if (path.empty() || list.empty())
     {
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", EmptyParameters);
+        return 0;
+    }
+    if (EitherHoldsNul(path, list))
+    {
+        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", HoldsNul);
         return 0;
     }
     // The path is split once for all entries; a path that cannot be split
@@ -404,7 +426,10 @@ int CFilePathPatternMatcher::MatchesDriverHookExceptionPattern(const std::wstrin
     size_t separator = LastSeparator(normalizedPattern);
     if (separator == std::wstring::npos)
         return MatchAgainstWildCardPattern(fileName, normalizedPattern, 1);
-    std::wstring folderPart = WithoutTrailingSeparators(normalizedPattern.substr(0, separator));
+    // The entry is cut at its last separator exactly as the path is, so that
+    // every path that can be cut matches an entry written as the path itself
+    // (separators doubled or at the root included).
+    std::wstring folderPart = normalizedPattern.substr(0, separator);
     std::wstring namePart = normalizedPattern.substr(separator + 1);
     if (folderPart.empty() || namePart.empty())
         return 0;

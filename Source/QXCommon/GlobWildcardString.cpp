@@ -25,17 +25,20 @@ bool GlobWildcardString::Parse(const std::wstring& glob)
     return true;
 }
 
+int GlobWildcardString::TryMatch(const std::wstring& text, bool& matched) const
+{
+    return Detail::TryMatch(m_regex, text, matched);
+}
+
 bool GlobWildcardString::Match(const std::wstring& text) const
 {
-    if (!m_regex)
-        return false;
-    int error = 0;
-    Detail::RunResult result = Detail::Run(*m_regex, text, error);
-    if (result == Detail::RunResult::Failed)
+    bool matched = false;
+    int error = TryMatch(text, matched);
+    if (error != 0)
     {
         QXLOG_ERROR("QXCommon::RegExHelpers::GlobWildcardString::Match", L"Regex Match Failed, error {}", error);
         return false;
     }
-    return result == Detail::RunResult::Match;
+    return matched;
 }
 } // namespace QXCommon::RegExHelpers

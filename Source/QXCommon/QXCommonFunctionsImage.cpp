@@ -39,6 +39,16 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return error;
     }
 
+    // Only a disk file can be an image. A device (COM1, AUX, CON), a pipe or
+    // a socket would make the reads below wait for data that may never come.
+    const DWORD fileType = ::GetFileType(file);
+    if (fileType != FILE_TYPE_DISK)
+    {
+        QXLOG_INFO(function, L"Not a disk file (type {}) so not NT exe file\n", fileType);
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
     ::SetLastError(ERROR_SUCCESS);
     DWORD fileSize = ::GetFileSize(file, nullptr);
     if (fileSize == INVALID_FILE_SIZE)
@@ -86,6 +96,10 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return ERROR_SUCCESS;
     }
 
+    // The whole prefix up to the end of the NT headers is read from the start
+    // of the file in one read, not the headers alone after a seek: that is
+    // the check's defined behaviour and is kept. Its cost is bounded by the
+    // size the file really has (the check above), not by e_lfanew alone.
     std::unique_ptr<BYTE, HeapDeleter> buffer(
         static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed != 0 ? needed : 1)));
     if (!buffer)

@@ -18,17 +18,20 @@ bool CQXRegEx::Parse(const std::wstring& expression)
     return m_regex != nullptr;
 }
 
+int CQXRegEx::TryMatch(const std::wstring& text, bool& matched) const
+{
+    return Detail::TryMatch(m_regex, text, matched);
+}
+
 bool CQXRegEx::Match(const std::wstring& text) const
 {
-    if (!m_regex)
-        return false;
-    int error = 0;
-    Detail::RunResult result = Detail::Run(*m_regex, text, error);
-    if (result == Detail::RunResult::Failed)
+    bool matched = false;
+    int error = TryMatch(text, matched);
+    if (error != 0)
     {
         QXLOG_ERROR("QXCommon::RegExHelpers::CQXRegEx::Match", L"Regex Match Failed, error {}", error);
         return false;
     }
-    return result == Detail::RunResult::Match;
+    return matched;
 }
 } // namespace QXCommon::RegExHelpers

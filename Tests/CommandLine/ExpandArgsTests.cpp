@@ -96,12 +96,12 @@ TEST(ExpandArgs, CutsAndJoinsArguments)
         {L"\"q r\"", {L"q r"}, L"\"q r\""},
         {L"\"abc d", {L"abc d"}, L"\"abc d\""},         // unbalanced: runs to the end
         {L"\"a\"b\" c", {L"a\"b", L"c"}, L"a\"b c"},     // inner quote not followed by a separator
-        {L"\"a\"b c\" d", {L"a\"b c", L"d"}, L"a\"b c d"}, // holds a quote: left unquoted
+        {L"\"a\"b c\" d", {L"a\"b c", L"d"}, L"\"a\"b c\" d"}, // quoted again: a quote inside stays
         {L"\"\" x", {L"", L"x"}, L" x"},
         {L"x\"y z\"", {L"x\"y", L"z\""}, L"x\"y z\""},   // a quote inside an unquoted argument is text
         {L"", {}, L""},
-        {L"   ", {L"", L"", L""}, L"  "},
-        {L",", {L""}, L""},
+        {L"   ", {L"", L"", L""}, L"  \"\""}, // an empty last argument is kept
+        {L",", {L""}, L"\"\""},
     };
     for (const CutCase& c : cases)
     {
@@ -210,7 +210,7 @@ TEST(ExpandArgs, VeryLongInput)
     // 64K of commas: one empty argument per comma.
     std::wstring commas(65536, L',');
     ASSERT_EQ(expand.ConvertArgsToFullPath(commas.c_str(), result), 1);
-    EXPECT_EQ(result, std::wstring(65535, L' '));
+    EXPECT_EQ(result, std::wstring(65535, L' ') + L"\"\"");
 
     // Many short arguments, some found.
     std::wstring many;

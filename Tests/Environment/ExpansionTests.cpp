@@ -244,7 +244,7 @@ TEST(EnvironmentNormalise, LongestValueWins)
         {L"c:\\program files\\A\\B.EXE", L"%programfiles%\\a\\b.exe"},
         {L"C:\\Windows\\System32\\cmd.exe", L"%systemroot%\\system32\\cmd.exe"},
         {L"C:\\Other\\x.exe", L"%systemdrive%\\other\\x.exe"},
-        {L"C:\\Users\\U\\AppData\\Local\\Temp\\t.exe", L"%temp%\\t.exe"},
+        {L"C:\\Users\\U\\AppData\\Local\\Temp\\t.exe", L"%temp%t.exe"}, // the value ends in "\\"
         {L"C:\\Users\\U\\AppData\\Local\\x.exe", L"%localappdata%\\x.exe"},
         {L"C:\\Users\\U\\Desktop\\x.exe", L"%userprofile%\\desktop\\x.exe"},
         {L"D:\\Tools\\x.exe", L"d:\\tools\\x.exe"},

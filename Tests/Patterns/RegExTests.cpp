@@ -234,15 +234,16 @@ TEST(RegExLogging, InvalidRuleExpressionAndFailedMatchAreLogged)
                                 std::to_wstring(static_cast<int>(std::regex_constants::error_paren)) + L" ]\n"))
         << capture.Dump();
 
-    // A back-referencing expression on a text too long for backtracking.
+    // A back-referencing expression that explodes: stopped by its budget.
     CQXRegEx regex;
-    ASSERT_TRUE(regex.Parse(L"(a)\\1"));
-    EXPECT_FALSE(regex.Match(std::wstring(300, L'a')));
+    ASSERT_TRUE(regex.Parse(L"^(.|.)*\\1!$"));
+    EXPECT_FALSE(regex.Match(std::wstring(28, L'x')));
     EXPECT_TRUE(capture.Has(1, "QXCommon::RegExHelpers::CQXRegEx::Match",
                             L"Regex Match Failed, error " +
-                                std::to_wstring(static_cast<int>(std::regex_constants::error_stack))))
+                                std::to_wstring(static_cast<int>(std::regex_constants::error_complexity))))
         << capture.Dump();
-    EXPECT_TRUE(regex.Match(std::wstring(256, L'a')));
+    ASSERT_TRUE(regex.Parse(L"(a)\\1"));
+    EXPECT_TRUE(regex.Match(std::wstring(300, L'a')));
 }
 
 // Each case runs on a 256 KiB thread in a helper process, so that a stack
@@ -259,12 +260,12 @@ TEST(RegExBounds, SmallStackLongTextsAndExplodingExpressions)
         {L"exploding-long", 1},        {L"exploding-long-match", 0}, {L"lookahead-long", 1},
         {L"glob-long", 1},             {L"optional-chain", 1},       {L"optional-chain-match", 0},
         {L"nested-groups", 0},         {L"long-expression", 0},      {L"backref-short", 0},
-        // Program size times text length beyond the step budget: stopped, no match.
-        {L"long-expression-long-text", 1},
-        {L"backref-long", 1},          {L"backref-exploding", 1},    {L"validate-huge", 1},
+        // A search stops at its first match, well inside the step budget.
+        {L"long-expression-long-text", 0},
+        {L"backref-long", 0},          {L"backref-exploding", 1},    {L"validate-huge", 1},
         // The largest program the state limit lets through, backtracking over
-        // the longest text it is given.
-        {L"backref-big-program", 0},   {L"backref-big-program-nomatch", 1},
+        // the longest text it is given: stopped by the step budget.
+        {L"backref-big-program", 1},   {L"backref-big-program-nomatch", 1},
     };
     for (const Case& c : cases)
     {

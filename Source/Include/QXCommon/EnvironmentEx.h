@@ -25,9 +25,18 @@
 // - IsPerSessionTempFolderEnabled treats a "PerSessionTempDir" value that is
 //   not a 4-byte REG_DWORD as unreadable (error 13, ERROR_INVALID_DATA,
 //   logged) and goes on to the next key.
-// - Normalisation values lose their trailing "\" (unless nothing else would
-//   remain) before they enter the list, so "C:\" and "C:" both normalise as
-//   "%systemdrive%"; empty values are not entered.
+// - Normalisation values enter the list whole, a trailing "\" included, so
+//   that each token expands back to exactly the text it replaced: with
+//   SystemDrive "C:\", "C:\x" becomes "%systemdrive%x" and the drive-relative
+//   "C:x" stays as it is. Empty values, and values holding "%" (which
+//   ExpandString would expand further), are not entered. A value is replaced
+//   only in text that no earlier (longer) value has replaced, never inside or
+//   across a token. So for a path without "%", ExpandString of the result
+//   gives the path back (ignoring case).
+// - Loading hands a value to GetLongPathNameW only when it can be a path with
+//   a short name: shorter than MAX_PATH, without ";" or characters that
+//   paths cannot hold, with "~" and a digit in it. Other values are kept as
+//   they are.
 // - ExpandString keeps making passes while a pass replaces something: a
 //   variable whose value refers to itself never finishes. Callers must not
 //   build such tables.

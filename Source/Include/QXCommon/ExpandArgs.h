@@ -29,10 +29,13 @@ public:
     // is not looked up on the search path), and is shorter than MAX_PATH.
     // Arguments that are not found are kept unchanged.
     //
-    // Rebuilding: the arguments are joined with one blank. An argument that
-    // holds white space or a comma is put between double quotes so that it
-    // stays one argument. Empty arguments (from adjacent separators) stay
-    // empty, so a run of separators becomes a run of blanks.
+    // Rebuilding: the arguments are joined with one blank, so that cutting
+    // the result again gives the same arguments. An argument that holds
+    // white space or a comma, or that begins with a double quote, is put
+    // between double quotes (quotes inside it stay as they are: none of them
+    // is followed by a separator). Empty arguments (from adjacent
+    // separators) stay empty, so a run of separators becomes a run of
+    // blanks; an empty last argument is written as "" so that it is not lost.
     //
     // Returns 1 with the rebuilt string in result; 0 when args is null.
     int ConvertArgsToFullPath(const wchar_t* args, std::wstring& result);

@@ -4,6 +4,10 @@
 // regular expression). Static functions only; every match function takes the
 // path first and the pattern second and returns 1 for a match, 0 for none.
 // Comparisons ignore case.
+//
+// A NUL never occurs in a Windows path or name: a match function given a
+// path or pattern that holds one (anywhere in the std::wstring) returns 0
+// and logs "A parameter holds a NUL character. Return no match." (level 4).
 
 #include "QXCommonAPI.h"
 
@@ -52,9 +56,13 @@ public:
     // Driver-hook exception list: entries separated by ';' (blank entries and
     // the spaces around entries are ignored). 1 when an entry matches: an
     // entry without separator is a file name (wildcards allowed), an entry
-    // with one is a folder part and a name part matched against the path's
-    // parent directory and file name (wildcards allowed in both, never
-    // crossing a separator).
+    // with one is cut at its last separator, exactly as the path is, into a
+    // folder part and a name part, matched against the path's parent
+    // directory and file name (wildcards allowed in both, never crossing a
+    // separator; \ and / alike). So a path that can be cut matches an entry
+    // written as the path itself, even with a doubled separator ("C:\a\\b.exe")
+    // or a root parent ("\\e"); a path that cannot be cut (no separator, or
+    // only at the start or end) matches no entry and is logged as a bad path.
     static int MatchAgainstDriverHookExceptionList(const std::wstring& path, const std::wstring& list);
 
     // Splits the path at its last \ or / into file name and parent directory

@@ -23,6 +23,20 @@
 #include "QXEnvironmentVars.h"
 #include "QXEnvironmentVars_ProcessEnv.h"
 
+#include "ChecksumStrategyAdler32.h"
+#include "DataLoader.h"
+#include "HashStrategy.h"
+#include "HashStrategySha.h"
+#include "HashStrategyShaCacheHelper.h"
+#include "SignatureAlgorithm.h"
+#include "SignatureAlgorithmStrategy.h"
+
+#include "ImpersonationSaver.h"
+#include "LsaUtil.h"
+#include "ProcessIDAndCreateTime.h"
+#include "QXAccessTokenMembership.h"
+#include "QxAccessToken.h"
+
 #include "DigitalCertificate.h"
 #include "DigitalCertificateUI.h"
 #include "VerifySignedFile.h"

@@ -1,0 +1,43 @@
+#pragma once
+// CImpersonationSaver: scope guard around work that changes the calling
+// thread's impersonation. It captures the token the thread impersonates when
+// it is made; on destruction it reverts the thread to itself and, when a token
+// was captured, impersonates that token again, so that the thread ends up
+// impersonating exactly what it impersonated before (or nothing).
+//
+// The owner reports with SetImpersonationOccurred whether its own
+// impersonation happened. A guard that is never told reverts; one told "no"
+// leaves the thread as it finds it at destruction. Impersonation belongs to
+// one thread: make, tell and destroy the guard on the same thread. An
+// anonymous-level impersonation cannot be opened, so it is not captured: a
+// guard made during one ends with the thread impersonating nothing.
+//
+//   CImpersonationSaver saver;
+//   saver.SetImpersonationOccurred(::ImpersonateNamedPipeClient(pipe));
+//   ... work as the client ...
+//   // leaving the scope restores the thread's previous impersonation
+
+#include "QXCommonAPI.h"
+#include "QxAccessToken.h"
+
+namespace QXCommon
+{
+class QXCOMMON_API CImpersonationSaver
+{
+public:
+    CImpersonationSaver();
+    ~CImpersonationSaver();
+    CImpersonationSaver(const CImpersonationSaver&) = delete;
+    CImpersonationSaver& operator=(const CImpersonationSaver&) = delete;
+
+    // Whether the owner's impersonation took place. The first call counts a
+    // value of exactly 1 (TRUE) as "yes" and anything else as "no"; later
+    // calls turn "no" into "yes" on any non-zero value and never back.
+    void SetImpersonationOccurred(int occurred);
+
+private:
+    bool impersonationOccurred; // revert on destruction
+    bool occurredWasSet;        // SetImpersonationOccurred has been called
+    CQxAccessToken savedToken;  // the thread's token when the guard was made (empty: none)
+};
+} // namespace QXCommon

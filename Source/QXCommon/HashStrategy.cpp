@@ -1,0 +1,6 @@
+#include "QXCommon/HashStrategy.h"
+
+namespace QXCommon
+{
+IHashStrategy::~IHashStrategy() = default;
+} // namespace QXCommon
