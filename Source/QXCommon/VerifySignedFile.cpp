@@ -3,6 +3,8 @@
 
 #include "QXCommon/VerifySignedFile.h"
 
+#include "QXCommon/ImpersonationSaver.h"
+
 #include "QXLog.h"
 
 #include <wintrust.h>
@@ -13,30 +15,6 @@ namespace
 {
 // Sharing while the file is verified: others may read it and delete it.
 constexpr DWORD VerifyShareMode = FILE_SHARE_READ | FILE_SHARE_DELETE;
-
-// Reverts the calling thread to itself when it goes out of scope, unless
-// Revert was called first.
-class CRevertOnExit
-{
-public:
-    explicit CRevertOnExit(const char* function) : m_function(function) {}
-    ~CRevertOnExit() { Revert(); }
-    CRevertOnExit(const CRevertOnExit&) = delete;
-    CRevertOnExit& operator=(const CRevertOnExit&) = delete;
-
-    void Revert()
-    {
-        if (!m_active)
-            return;
-        m_active = false;
-        if (!::RevertToSelf())
-            QXLOG_ERROR(m_function, L"Failed to RevertToSelf - code {}\n", ::GetLastError());
-    }
-
-private:
-    const char* m_function;
-    bool m_active = true;
-};
 } // namespace
 
 VerifySignedFile::VerifySignedFile(bool enforceExpiryDate, DWORD ignoreFlags, bool allowNetworkAccess)
@@ -113,21 +91,27 @@ void VerifySignedFile::TryOpenFileAsUser(const std::wstring& path, const ATL::CA
         return;
     }
 
-    if (!::ImpersonateLoggedOnUser(userToken.GetHandle()))
     {
-        QXLOG_ERROR(function, L"Failed to ImpersonateLoggedOnUser - code {}\n", ::GetLastError());
-        return;
+        // The thread impersonates nothing here: the guard reverts it to
+        // itself when the file has been opened (or could not be).
+        CImpersonationSaver impersonation;
+        const BOOL impersonated = ::ImpersonateLoggedOnUser(userToken.GetHandle());
+        const DWORD error = ::GetLastError();
+        impersonation.SetImpersonationOccurred(impersonated);
+        if (!impersonated)
+        {
+            QXLOG_ERROR(function, L"Failed to ImpersonateLoggedOnUser - code {}\n", error);
+            return;
+        }
+        HANDLE handle = ::CreateFileW(path.c_str(), FILE_GENERIC_READ, VerifyShareMode, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (handle == INVALID_HANDLE_VALUE)
+        {
+            QXLOG_ERROR(function, L"Failed to CreateFileW [{}] - code {}\n", path, ::GetLastError());
+            return;
+        }
+        file.Attach(handle);
     }
-    CRevertOnExit revert(function);
-    HANDLE handle = ::CreateFileW(path.c_str(), FILE_GENERIC_READ, VerifyShareMode, nullptr, OPEN_EXISTING,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle == INVALID_HANDLE_VALUE)
-    {
-        QXLOG_ERROR(function, L"Failed to CreateFileW [{}] - code {}\n", path, ::GetLastError());
-        return;
-    }
-    file.Attach(handle);
-    revert.Revert();
     QXLOG_INFO(function, L"EXIT: File opened\n");
 }
 
