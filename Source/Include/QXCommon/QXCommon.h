@@ -36,3 +36,7 @@
 #include "ProcessIDAndCreateTime.h"
 #include "QXAccessTokenMembership.h"
 #include "QxAccessToken.h"
+
+#include "DigitalCertificate.h"
+#include "DigitalCertificateUI.h"
+#include "VerifySignedFile.h"
