@@ -233,7 +233,7 @@ std::wstring HelperPath(const std::wstring& exeName)
     return ModuleDir() + L"\\" + exeName;
 }
 
-ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
+ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDLE token)
 {
     ProcessResult result;
     SECURITY_ATTRIBUTES sa{sizeof sa, nullptr, TRUE};
@@ -253,7 +253,10 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     PROCESS_INFORMATION pi{};
     std::wstring mutableLine = commandLine;
-    BOOL created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+    BOOL created = token != nullptr ? CreateProcessAsUserW(token, nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0,
+                                                           nullptr, nullptr, &si, &pi)
+                                    : CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                                     nullptr, &si, &pi);
     // Only the child may hold the write end now, so that the reader sees the end of its output.
     writePipe.Close();
     if (!created)

@@ -114,7 +114,8 @@ std::wstring ModuleDir();
 // Full path of a helper program built from Tests/Programs.
 std::wstring HelperPath(const std::wstring& exeName);
 // Runs a command line, collects its output, waits (killing it on time-out).
-ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+// With a primary token the program runs under it (CreateProcessAsUserW).
+ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000, HANDLE token = nullptr);
 
 // The value the system gives the next handle this process opens. Wine hands
 // out the lowest free slot and answers 0 to GetProcessHandleCount, so a leak
