@@ -103,7 +103,7 @@ public:
 
     ~RestorePrivilegeScope()
     {
-        if (m_token.GetHandle() != nullptr && !m_reverted)
+        if (m_token.GetHandle() != nullptr)
             m_token.EnableDisablePrivileges(m_previous);
     }
 
@@ -116,9 +116,9 @@ public:
         if (m_token.GetHandle() == nullptr)
             return;
         QXLOG_INFO(m_function, L"Reverting the privilege.\n");
-        m_reverted = true;
         if (m_token.EnableDisablePrivileges(m_previous))
         {
+            m_previous.DeleteAll(); // nothing left for the destructor to put back
             QXLOG_INFO(m_function, L"Revert successful done [{}].\n", result);
         }
         else
@@ -132,7 +132,6 @@ private:
     const char* m_function;
     ATL::CAccessToken m_token;
     ATL::CTokenPrivileges m_previous; // only what the enable changed
-    bool m_reverted = false;
 };
 } // namespace
 
@@ -330,15 +329,19 @@ DWORD CChangeFileOwner::CheckUserHasWriteAccess(bool& granted)
         }
     }
 
-    ATL::CSid user;
-    if (token.GetUser(&user))
+    // The user is read for the log only.
+    if (::GetDbgManager()->GetLogEnabled())
     {
-        QXLOG_INFO(function, L"User [{}].\n", user.Sid());
-    }
-    else
-    {
-        const DWORD error = ::GetLastError();
-        QXLOG_ERROR(function, L"Get User Failed [{}].\n", error);
+        ATL::CSid user;
+        if (token.GetUser(&user))
+        {
+            QXLOG_INFO(function, L"User [{}].\n", user.Sid());
+        }
+        else
+        {
+            const DWORD error = ::GetLastError();
+            QXLOG_ERROR(function, L"Get User Failed [{}].\n", error);
+        }
     }
 
     ATL::CAccessToken impersonation;

@@ -11,7 +11,7 @@ using QXCommon::CChangeFileOwner;
 namespace
 {
 enum Way { Impersonating, NotImpersonating, Direct };
-enum Target { Pipe, BigPipe, Missing, MissingDir, NulPath };
+enum Target { Pipe, BigPipe, BusyBigPipe, Missing, MissingDir, NulPath };
 enum Given { Full, Denied, Empty, QueryOnly };
 enum Thread { Nothing, AsFull, AsDenied, Identification, Anonymous };
 constexpr DWORD AnyError = 0xFFFFFFFF;
@@ -125,6 +125,10 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
         {"a descriptor over 256 bytes", Impersonating, BigPipe, Full, Nothing, 0,
          {{4, "GetSecurityDescriptorFromFile", L"GetFileSecurity() first call result [122] - expected sometimes.\n"},
           {4, "GetSecurityDescriptorFromFile", L"Calling GetFileSecurity() with buffer size {size}.\n"}}},
+        {"a second read that fails (one pipe instance, taken by the first)", Impersonating, BusyBigPipe, Full, Nothing,
+         ERROR_PIPE_BUSY,
+         {{1, "GetSecurityDescriptorFromFile", L"GetFileSecurity() second call - unexpected result [231].\n"},
+          {1, "DoChangeOwner", L"Could not read Security Descriptor [231].\n"}}},
         {"a missing file reads, then fails the check", Impersonating, Missing, Full, Nothing, 2,
          {{4, "GetSecurityDescriptorFromFile",
            L"GetFileSecurity() first call - file does not exist (Treat as success!).\n"},
@@ -169,8 +173,8 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
         for (const Row& row : rows)
         {
             SCOPED_TRACE(row.name);
-            SecuredPipe pipe(row.target == BigPipe ? bigPipe : AdminsMayTake);
-            const std::wstring paths[] = {pipe.Path(), pipe.Path(), dir.File(L"missing.txt"),
+            SecuredPipe pipe(row.target == Pipe ? AdminsMayTake : bigPipe, row.target == BusyBigPipe ? 1 : 8);
+            const std::wstring paths[] = {pipe.Path(), pipe.Path(), pipe.Path(), dir.File(L"missing.txt"),
                                           dir.File(L"none\\missing.txt"), std::wstring(L"C:\\a\0b", 6)};
             const std::wstring& path = paths[row.target];
             std::vector<BYTE> descriptor(4096);
@@ -266,19 +270,27 @@ TEST_F(Ownership, HeldDescriptorCopiesAndGenericMapping)
     struct Probe : CChangeFileOwner
     {
         using CChangeFileOwner::FileAccessCheck;
+        using CChangeFileOwner::SetOwnershipOnFile;
     };
     SecuredPipe pipe(AdminsMayTake);
-    Probe owner;
+    Probe owner, failed;
+    EXPECT_EQ(owner.IsAuditRequired(), 0);
     ASSERT_EQ(owner.ChangeOwner(pipe.Path(), full), 0u);
+    ASSERT_EQ(failed.ChangeOwner(pipe.Path(), full), 0u);
+    EXPECT_EQ(failed.ChangeOwner(pipe.Path(), ATL::CAccessToken()), DWORD(ERROR_INVALID_PARAMETER));
     Probe copy(owner), assigned;
     assigned = owner;
     owner.Clear();
     EXPECT_EQ(owner.IsAuditRequired(), 0);
+    EXPECT_EQ(owner.SetOwnershipOnFile(full), DWORD(ERROR_INVALID_NAME)); // the path is gone too
     ATL::CAccessToken check;
     ASSERT_TRUE(full.CreateImpersonationToken(&check));
-    bool granted = true;
-    EXPECT_EQ(owner.FileAccessCheck(check.GetHandle(), granted, GENERIC_READ), DWORD(ERROR_FILE_NOT_FOUND));
-    EXPECT_FALSE(granted);
+    for (Probe* none : {&owner, &failed})
+    {
+        bool granted = true;
+        EXPECT_EQ(none->FileAccessCheck(check.GetHandle(), granted, GENERIC_READ), DWORD(ERROR_FILE_NOT_FOUND));
+        EXPECT_FALSE(granted);
+    }
 
     const struct
     {
@@ -291,7 +303,7 @@ TEST_F(Ownership, HeldDescriptorCopiesAndGenericMapping)
         EXPECT_EQ(held->IsAuditRequired(), 1);
         for (const auto& row : rows)
         {
-            granted = !row.granted;
+            bool granted = !row.granted;
             EXPECT_EQ(held->FileAccessCheck(check.GetHandle(), granted, row.desired), 0u) << row.desired;
             EXPECT_EQ(granted, row.granted) << std::hex << row.desired;
         }
