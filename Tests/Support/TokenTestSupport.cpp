@@ -90,6 +90,23 @@ ATL::CHandle ImpersonationCopy(HANDLE token)
     return ATL::CHandle(copy);
 }
 
+DWORD PrivilegeAttributes(HANDLE token, const wchar_t* name)
+{
+    LUID luid = {};
+    DWORD error = 0;
+    auto info = TokenInfo(token, TokenPrivileges, error);
+    if (info.empty() || !LookupPrivilegeValueW(nullptr, name, &luid))
+        return 0xFFFFFFFF;
+    const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(info.data());
+    for (DWORD i = 0; i < privileges->PrivilegeCount; ++i)
+    {
+        const LUID& held = privileges->Privileges[i].Luid;
+        if (held.LowPart == luid.LowPart && held.HighPart == luid.HighPart)
+            return privileges->Privileges[i].Attributes;
+    }
+    return 0xFFFFFFFF;
+}
+
 std::wstring DescribeToken(HANDLE token)
 {
     DWORD error = 0;

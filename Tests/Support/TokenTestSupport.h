@@ -28,6 +28,11 @@ ATL::CHandle AdminDenyOnlyToken();
 // CheckTokenMembership, SetThreadToken and the like. Empty on failure.
 ATL::CHandle ImpersonationCopy(HANDLE token);
 
+// The attributes of the named privilege in the token (TOKEN_QUERY), as
+// GetTokenInformation(TokenPrivileges) reports them; 0xFFFFFFFF when the
+// token does not hold it or cannot be read.
+DWORD PrivilegeAttributes(HANDLE token, const wchar_t* name);
+
 // "user S-...; groups S-...:0x7 S-...:0x19 ..." in the token's own order:
 // two tokens with the same description carry the same identity. Attributes
 // are hexadecimal. "<error N>" when the token cannot be read.

@@ -31,6 +31,8 @@
 #include "SignatureAlgorithm.h"
 #include "SignatureAlgorithmStrategy.h"
 
+#include "ChangeFileOwner.h"
+
 #include "ImpersonationSaver.h"
 #include "LsaUtil.h"
 #include "ProcessIDAndCreateTime.h"
