@@ -36,3 +36,6 @@
 #include "ProcessIDAndCreateTime.h"
 #include "QXAccessTokenMembership.h"
 #include "QxAccessToken.h"
+
+#include "PipeImpersonateClient.h"
+#include "PipeImpersonateServer.h"
