@@ -1,12 +1,13 @@
 // What each side does when the other misbehaves or is missing: messages other
 // than the ready byte, no client, a client that came early, a second client,
-// the pipe's shape, and the client's own preconditions and polling.
+// the pipe's shape, and the client's own preconditions, polling and copies.
 
 #include "PipeSuite.h"
 
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <thread>
 #include <vector>
 
 using namespace PipeTest;
@@ -15,33 +16,24 @@ namespace
 {
 using Clock = std::chrono::steady_clock;
 
+long long MsSince(Clock::time_point start)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+}
+
 HANDLE OpenAsClient(const std::wstring& pipe)
 {
     return CreateFileW(pipe.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                        SECURITY_SQOS_PRESENT | SECURITY_IMPERSONATION, nullptr);
 }
 
-// Connects a client in this process (as soon as the pipe exists) and keeps it.
-ATL::CHandle ConnectWhenListening(const std::wstring& pipe)
+int PipeListens(const std::wstring& pipe)
 {
-    for (int k = 0; k < 1000; ++k, Sleep(5))
-    {
-        HANDLE client = OpenAsClient(pipe);
-        if (client != INVALID_HANDLE_VALUE)
-            return ATL::CHandle(client);
-    }
-    return ATL::CHandle();
+    return WaitNamedPipeW(pipe.c_str(), 1) ? 1 : 0;
 }
 
-BYTE Exchange(HANDLE client, BYTE message)
-{
-    DWORD done = 0;
-    BYTE reply = 0;
-    return WriteFile(client, &message, 1, &done, nullptr) && ReadFile(client, &reply, 1, &done, nullptr) ? reply : 0;
-}
-
-// The hook: connects and writes the ready byte while the server logs that the
-// pipe exists, before its ConnectNamedPipe is issued.
+// A client that connects and writes the ready byte from the log sink, when
+// the server logs that its pipe exists: before its ConnectNamedPipe.
 struct EarlyClient
 {
     std::wstring pipe;
@@ -52,22 +44,19 @@ struct EarlyClient
     {
         auto* self = static_cast<EarlyClient*>(context);
         self->capture(self->captureContext, record);
-        if (std::wstring(record.message) == L"Pipe server created about to wait for client connection...\n")
-        {
-            self->client.Attach(OpenAsClient(self->pipe));
-            DWORD written = 0;
-            const BYTE ready = 1;
-            WriteFile(self->client, &ready, 1, &written, nullptr);
-        }
+        if (std::wstring(record.message) != L"Pipe server created about to wait for client connection...\n")
+            return;
+        self->client.Attach(OpenAsClient(self->pipe));
+        const BYTE ready = 1;
+        DWORD written = 0;
+        WriteFile(self->client, &ready, 1, &written, nullptr);
     }
 };
-} // namespace
 
 // A server whose client never comes gives up after 5000 ms. It waits on its
-// own thread while the whole suite runs, and is checked at the end.
+// own thread while the whole suite runs and is checked at the end.
 class SilentClient : public testing::Environment
 {
-public:
     void SetUp() override
     {
         m_thread = std::thread([this] {
@@ -75,7 +64,7 @@ public:
             ATL::CHandle token;
             m_taken = QXCommon::CPipeImpersonateServer::GetToken(token, m_pipe, nullptr);
             m_error = GetLastError();
-            m_ms = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+            m_ms = MsSince(start);
         });
     }
     void TearDown() override
@@ -86,8 +75,6 @@ public:
         EXPECT_GE(m_ms, 4900);
         EXPECT_EQ(OpenAsClient(m_pipe), INVALID_HANDLE_VALUE) << "an instance was left behind";
     }
-
-private:
     const std::wstring m_pipe = UniquePipeName();
     std::thread m_thread;
     bool m_taken = true;
@@ -95,13 +82,14 @@ private:
     long long m_ms = 0;
 };
 testing::Environment* const silentClient = testing::AddGlobalTestEnvironment(new SilentClient);
+} // namespace
 
 TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
 {
     QXTest::LogCapture log;
     const struct
     {
-        const wchar_t* bytes;
+        const wchar_t* bytes; // "-": an empty message
         const wchar_t* logged;
     } messages[] = {
         {L"07", L"ReadFile Error: 0. bSuccess: 1, Data: 7\n"},
@@ -115,18 +103,18 @@ TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
     {
         SCOPED_TRACE(QXTest::Narrow(message.bytes));
         const std::wstring pipe = UniquePipeName();
-        ClientRun client(L"raw " + pipe + L" " + message.bytes);
+        auto client = StartClient(L"raw " + pipe + L" " + message.bytes);
         ATL::CHandle token;
         EXPECT_FALSE(QXCommon::CPipeImpersonateServer::GetToken(token, pipe, notAnEvent));
-        EXPECT_EQ(token.m_h, nullptr);
         EXPECT_FALSE(Impersonating());
         EXPECT_LOG(log, message.logged);
-        // No close byte: the server disconnected the client.
-        EXPECT_NE(client.Wait().output.find("reply error 233"), std::string::npos) << client.Wait().output;
+        // No close byte: the server disconnected the client and left no instance.
+        const std::string output = client.get().output;
+        EXPECT_NE(output.find("reply error 233"), std::string::npos) << output;
         EXPECT_EQ(OpenAsClient(pipe), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-        if (handles == 0)
-            handles = QXTest::OpenHandleCount(); // after the first: the system's own handles are made
+        if (handles == 0) // after the first exchange the system's own handles exist
+            handles = QXTest::OpenHandleCount();
     }
     notAnEvent.Detach();
     EXPECT_LOG(log, L"SetEvent() failed. Error code=[6]\n");
@@ -141,114 +129,86 @@ TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
 TEST(PipeServer, AcceptsAnEarlyClientAndRefusesASecondOne)
 {
     QXTest::LogCapture log;
-    {
-        // A client that connected before the server's ConnectNamedPipe.
-        EarlyClient early{UniquePipeName()};
-        early.capture = GetDbgManager()->SetSink(&EarlyClient::Sink, &early, &early.captureContext);
-        ATL::CHandle token;
-        const bool taken = QXCommon::CPipeImpersonateServer::GetToken(token, early.pipe, nullptr);
-        GetDbgManager()->SetSink(early.capture, early.captureContext);
-        EXPECT_TRUE(taken);
-        EXPECT_NE(token.m_h, nullptr);
-        EXPECT_LOG(log, L"URM - the client had already connected\n");
-        BYTE reply = 0;
-        DWORD read = 0;
-        EXPECT_TRUE(ReadFile(early.client, &reply, 1, &read, nullptr));
-        EXPECT_EQ(reply, 2);
-    }
+    EarlyClient early{UniquePipeName()};
+    early.capture = GetDbgManager()->SetSink(&EarlyClient::Sink, &early, &early.captureContext);
+    ATL::CHandle token;
+    const bool taken = QXCommon::CPipeImpersonateServer::GetToken(token, early.pipe, nullptr);
+    GetDbgManager()->SetSink(early.capture, early.captureContext);
+    EXPECT_TRUE(taken && token != nullptr);
+    EXPECT_LOG(log, L"URM - the client had already connected\n");
+    BYTE reply = 0;
+    DWORD done = 0;
+    EXPECT_TRUE(ReadFile(early.client, &reply, 1, &done, nullptr) && reply == 2);
 
-    // While one client holds the only instance, a second process is refused.
+    // While one client holds the only instance, another process is refused.
     const std::wstring pipe = UniquePipeName();
     ATL::CHandle ready(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    bool taken = false;
-    std::thread server([&] {
+    auto server = std::async(std::launch::async, [&] {
         ATL::CHandle token;
-        taken = QXCommon::CPipeImpersonateServer::GetToken(token, pipe, ready) && token != nullptr;
+        return QXCommon::CPipeImpersonateServer::GetToken(token, pipe, ready) && token != nullptr;
     });
-    EXPECT_EQ(WaitForSingleObject(ready, 10000), WAIT_OBJECT_0);
-    ATL::CHandle first = ConnectWhenListening(pipe);
-    ASSERT_NE(first.m_h, nullptr);
-    DWORD flags = 0, outSize = 0, inSize = 0, instances = 0, mode = 0;
-    EXPECT_TRUE(GetNamedPipeInfo(first, &flags, &outSize, &inSize, &instances));
-    EXPECT_EQ(flags, static_cast<DWORD>(PIPE_TYPE_MESSAGE));
-    EXPECT_EQ(instances, 1u);
-    EXPECT_EQ(inSize + outSize, 64u);
-    EXPECT_TRUE(GetNamedPipeHandleStateW(first, &mode, nullptr, nullptr, nullptr, nullptr, 0));
-    EXPECT_EQ(mode & PIPE_NOWAIT, 0u);
-    ClientRun second(L"raw " + pipe + L" 01");
-    EXPECT_NE(second.Wait().output.find("open 231"), std::string::npos) << second.Wait().output;
-    EXPECT_EQ(CreateNamedPipeW(pipe.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE, 1, 32, 32, 0, nullptr),
-              INVALID_HANDLE_VALUE);
-    EXPECT_EQ(Exchange(first, 1), 2);
-    server.join();
-    EXPECT_TRUE(taken);
+    ASSERT_EQ(WaitForSingleObject(ready, 10000), WAIT_OBJECT_0);
+    ATL::CHandle first(OpenAsClient(pipe));
+    ASSERT_NE(first.m_h, INVALID_HANDLE_VALUE);
+    DWORD flags = 0, outSize = 0, inSize = 0, instances = 0;
+    EXPECT_TRUE(GetNamedPipeInfo(first, &flags, &outSize, &inSize, &instances) && flags == PIPE_TYPE_MESSAGE &&
+                instances == 1 && outSize == 32 && inSize == 32);
+    const std::string output = StartClient(L"raw " + pipe + L" 01").get().output;
+    EXPECT_NE(output.find("open 231"), std::string::npos) << output;
+    const BYTE readyByte = 1;
+    EXPECT_TRUE(WriteFile(first, &readyByte, 1, &done, nullptr) && ReadFile(first, &reply, 1, &done, nullptr));
+    EXPECT_EQ(reply, 2);
+    EXPECT_TRUE(server.get());
 }
 
 TEST(PipeClient, PollsWithALinearBackOff)
 {
     QXTest::LogCapture log;
     ATL::CHandle own = ProcessToken();
+    const std::wstring pipe = L"\\\\.\\pipe\\qxtest-polled";
     const struct
     {
-        int timeout, step, answerOnCall;
-    } cases[] = {{0, 10, 0}, {10000, 1, 3}, {400, 30, 0}};
+        int timeout, step;
+        size_t fewest, most; // calls
+    } cases[] = {{0, 10, 1, 1}, {-5, 10, 1, 1}, {400, 30, 4, 6}};
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.timeout);
         log.Clear();
         std::vector<long long> calls;
         const auto start = Clock::now();
-        QXCommon::CPipeImpersonateClient client(L"\\\\.\\pipe\\qxtest-polled", own, [&](const std::wstring& name) {
-            EXPECT_EQ(name, L"\\\\.\\pipe\\qxtest-polled");
-            calls.push_back(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+        QXCommon::CPipeImpersonateClient client(pipe, own, [&](const std::wstring& name) {
+            EXPECT_EQ(name, pipe);
+            calls.push_back(MsSince(start));
             SetLastError(ERROR_FILE_NOT_FOUND);
-            return static_cast<int>(calls.size()) == c.answerOnCall ? 5 : 0;
+            return 0;
         });
-        const BOOL connected = client.ConnectAndImpersonate(c.timeout, c.step);
-        const bool impersonated = Impersonating();
-        EXPECT_EQ(client.RevertToSelf(), connected);
+        EXPECT_FALSE(client.ConnectAndImpersonate(c.timeout, c.step));
         EXPECT_FALSE(Impersonating());
+        EXPECT_LOG(log, L"Could not Connect to Pipe \"" + pipe + L"\". Error: 2\n");
+        EXPECT_LOG(log, L"Does Pipe exist - returning FAILED");
         EXPECT_TRUE(log.HasFragment(L"(timeout is set to [" + std::to_wstring(c.timeout) + L"]ms) after [" +
                                     std::to_wstring(calls.size()) + L"] attempts\n"))
             << log.Dump();
-        if (c.answerOnCall != 0)
-        {
-            EXPECT_TRUE(connected && impersonated);
-            EXPECT_EQ(calls.size(), static_cast<size_t>(c.answerOnCall));
-            EXPECT_LOG(log, L"Does Pipe exist - returning SUCCESS");
-            EXPECT_LOG(log, L"Connect and Impersonate - success\n");
-            continue;
-        }
-        EXPECT_FALSE(connected || impersonated);
-        EXPECT_LOG(log, L"Could not Connect to Pipe \"\\\\.\\pipe\\qxtest-polled\". Error: 2\n");
-        EXPECT_LOG(log, L"Does Pipe exist - returning FAILED");
-        if (c.timeout == 0)
-        {
-            EXPECT_EQ(calls.size(), 1u);
-            continue;
-        }
-        // Pauses of 0, step, 2·step...: each gap at least one step longer.
-        ASSERT_GE(calls.size(), 4u);
+        // Pauses of 0, step, 2·step...: each gap a step longer than the one before.
+        ASSERT_GE(calls.size(), c.fewest);
+        EXPECT_LE(calls.size(), c.most);
         for (size_t k = 1; k < calls.size(); ++k)
-        {
             EXPECT_GE(calls[k] - calls[k - 1], static_cast<long long>(k - 1) * c.step - 2) << k;
-            EXPECT_LT(calls[k], c.timeout + 5);
-        }
-        EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count(), c.timeout);
+        EXPECT_GE(MsSince(start), c.timeout);
     }
-    QXCommon::CPipeImpersonateClient empty(L"\\\\.\\pipe\\qxtest-polled", own, nullptr);
+    QXCommon::CPipeImpersonateClient empty(pipe, own, nullptr);
     EXPECT_THROW(empty.ConnectAndImpersonate(0, 0), std::bad_function_call);
 }
 
 TEST(PipeClient, RefusesWithoutAnImpersonatedTokenAndCopiesOwnIt)
 {
     QXTest::LogCapture log;
-    // A listening pipe that nothing may open.
+    // A listening pipe that a refused client must not open.
     const std::wstring pipe = UniquePipeName();
     ATL::CHandle listening(CreateNamedPipeW(pipe.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, PIPE_TYPE_MESSAGE,
                                             1, 32, 32, 0, nullptr));
     ATL::CHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    const auto exists = [](const std::wstring&) { return 1; };
     const struct
     {
         HANDLE token;
@@ -261,7 +221,7 @@ TEST(PipeClient, RefusesWithoutAnImpersonatedTokenAndCopiesOwnIt)
     for (const auto& t : tokens)
     {
         SCOPED_TRACE(QXTest::Narrow(t.logged));
-        QXCommon::CPipeImpersonateClient client(pipe, t.token, exists);
+        QXCommon::CPipeImpersonateClient client(pipe, t.token, &PipeListens);
         EXPECT_FALSE(client.ConnectAndImpersonate(0, 0));
         EXPECT_TRUE(log.HasFragment(t.logged)) << log.Dump();
         EXPECT_FALSE(Impersonating());
@@ -275,32 +235,31 @@ TEST(PipeClient, RefusesWithoutAnImpersonatedTokenAndCopiesOwnIt)
     overlapped.hEvent = event;
     EXPECT_FALSE(ConnectNamedPipe(listening, &overlapped));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_PENDING)) << "a refused client opened the pipe";
-    CancelIo(listening);
-    listening.Close();
+    CancelIoEx(listening, &overlapped);
+    WaitForSingleObject(event, 5000);
 
-    // A copy holds its own token: it completes the exchange after the
-    // original is gone; an assigned one likewise.
+    // Assignment takes name, token and callable; a copy made while
+    // impersonating completes the exchange after the others are gone, and
+    // neither side reports an error.
+    log.Clear();
     const std::wstring served = UniquePipeName();
     ATL::CHandle own = ProcessToken();
-    for (int round = 0; round < 2; ++round)
-    {
+    auto server = std::async(std::launch::async, [&] {
         ATL::CHandle token;
-        std::thread server([&] { QXCommon::CPipeImpersonateServer::GetToken(token, served, nullptr); });
-        std::optional<QXCommon::CPipeImpersonateClient> kept;
-        {
-            QXCommon::CPipeImpersonateClient original(served, own, [](const std::wstring& name) {
-                return WaitNamedPipeW(name.c_str(), 1) ? 1 : 0;
-            });
-            ASSERT_TRUE(original.ConnectAndImpersonate(10000, 1));
-            if (round == 0)
-                kept.emplace(original);
-            else
-                kept.emplace(L"unused", nullptr, nullptr) = original;
-        }
-        EXPECT_TRUE(kept->SendReadyMessage());
-        EXPECT_TRUE(kept->RevertToSelf());
-        EXPECT_FALSE(Impersonating());
-        server.join();
-        EXPECT_NE(token.m_h, nullptr);
+        return QXCommon::CPipeImpersonateServer::GetToken(token, served, nullptr) && token != nullptr;
+    });
+    std::optional<QXCommon::CPipeImpersonateClient> copy;
+    {
+        QXCommon::CPipeImpersonateClient original(served, own, &PipeListens);
+        QXCommon::CPipeImpersonateClient assigned(L"\\\\.\\pipe\\qxtest-unused", nullptr, nullptr);
+        assigned = original;
+        ASSERT_TRUE(assigned.ConnectAndImpersonate(10000, 1));
+        copy.emplace(assigned);
     }
+    EXPECT_TRUE(copy->SendReadyMessage());
+    EXPECT_TRUE(copy->RevertToSelf());
+    EXPECT_FALSE(Impersonating());
+    EXPECT_TRUE(server.get());
+    for (const auto& entry : log.Entries())
+        EXPECT_NE(entry.level, 1) << QXTest::Narrow(entry.text);
 }

@@ -2,8 +2,9 @@
 // CPipeImpersonateClient: the giving side of an identity hand-over (see
 // CPipeImpersonateServer). It waits for the server's pipe, impersonates the
 // user's token on the calling thread, connects with impersonation-level
-// quality of service, writes the ready byte 1 and waits (at most 5000 ms) for
-// the close byte 2; then the caller ends the impersonation.
+// quality of service, writes the ready byte 1 and reads the close byte 2; then
+// the caller ends the impersonation. The pipe handle is synchronous, so the
+// read returns when the server answers or closes the pipe.
 //
 // Impersonation is per thread: run the whole sequence on one thread.
 //
