@@ -26,6 +26,21 @@ void CancelPending(HANDLE file, OVERLAPPED& overlapped)
     if (::CancelIoEx(file, &overlapped) || ::GetLastError() != ERROR_NOT_FOUND)
         ::GetOverlappedResult(file, &overlapped, &transferred, TRUE);
 }
+
+// Reads or writes one byte on the overlapped pipe handle and waits for it
+// here, so that the transfer is synchronous for the caller and its completion
+// is reported reliably. The system error of a failure stays in GetLastError.
+BOOL TransferByte(HANDLE pipe, BYTE& byte, bool write, DWORD& transferred)
+{
+    ATL::CHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    OVERLAPPED overlapped = {};
+    overlapped.hEvent = event;
+    BOOL success = write ? ::WriteFile(pipe, &byte, 1, &transferred, &overlapped)
+                         : ::ReadFile(pipe, &byte, 1, &transferred, &overlapped);
+    if (!success && ::GetLastError() == ERROR_IO_PENDING)
+        success = ::GetOverlappedResult(pipe, &overlapped, &transferred, TRUE);
+    return success ? TRUE : Detail::FailWith(::GetLastError());
+}
 } // namespace
 
 CPipeImpersonateServer::CPipeImpersonateServer(const std::wstring& pipeName, HANDLE readyEvent)
@@ -121,16 +136,9 @@ BOOL CPipeImpersonateServer::CreatePipeAndGetMessage()
 
     if (connected)
     {
-        // The handle is overlapped: the read is waited for here, so that it is
-        // synchronous for the caller and its completion is reported reliably.
         BYTE message = 0;
         DWORD read = 0;
-        OVERLAPPED overlapped = {};
-        ATL::CHandle readEvent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-        overlapped.hEvent = readEvent;
-        BOOL success = ::ReadFile(pipe, &message, 1, &read, &overlapped);
-        if (!success && ::GetLastError() == ERROR_IO_PENDING)
-            success = ::GetOverlappedResult(pipe, &overlapped, &read, TRUE);
+        const BOOL success = TransferByte(pipe, message, false, read);
         error = success ? ERROR_SUCCESS : ::GetLastError();
         if (success && read == 1 && message == ReadyMessage)
             return TRUE;
@@ -168,15 +176,9 @@ bool CPipeImpersonateServer::ConnectAndImpersonate()
 
 void CPipeImpersonateServer::SendCloseMessage()
 {
-    const BYTE message = CloseMessage;
+    BYTE message = CloseMessage;
     DWORD written = 0;
-    OVERLAPPED overlapped = {};
-    ATL::CHandle writeEvent(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    overlapped.hEvent = writeEvent;
-    BOOL success = ::WriteFile(pipe, &message, 1, &written, &overlapped);
-    if (!success && ::GetLastError() == ERROR_IO_PENDING)
-        success = ::GetOverlappedResult(pipe, &overlapped, &written, TRUE);
-    if (!success)
+    if (!TransferByte(pipe, message, true, written))
         QXLOG_ERROR("QXCommon::CPipeImpersonateServer::SendCloseMessage", L"WriteFile failed. Error: {}\n",
                     ::GetLastError());
 }
