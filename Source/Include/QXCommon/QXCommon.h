@@ -42,3 +42,5 @@
 #include "DigitalCertificate.h"
 #include "DigitalCertificateUI.h"
 #include "VerifySignedFile.h"
+#include "PipeImpersonateClient.h"
+#include "PipeImpersonateServer.h"
