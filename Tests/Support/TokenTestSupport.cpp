@@ -17,13 +17,16 @@ struct LocalDeleter
 };
 
 // One class of the token's information; empty, with the error, on failure.
+// The buffer holds pointers into itself: it is moved, never copied.
 std::vector<BYTE> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, DWORD& error)
 {
     DWORD size = 0;
     GetTokenInformation(token, infoClass, nullptr, 0, &size);
     std::vector<BYTE> info(size);
     error = size != 0 && GetTokenInformation(token, infoClass, info.data(), size, &size) ? 0 : GetLastError();
-    return error == 0 ? info : std::vector<BYTE>();
+    if (error != 0)
+        info.clear();
+    return info;
 }
 } // namespace
 
@@ -77,7 +80,9 @@ std::wstring DescribeToken(HANDLE token)
 {
     DWORD error = 0;
     const auto user = TokenInfo(token, TokenUser, error);
-    const auto groupInfo = error == 0 ? TokenInfo(token, TokenGroups, error) : std::vector<BYTE>();
+    std::vector<BYTE> groupInfo;
+    if (error == 0)
+        groupInfo = TokenInfo(token, TokenGroups, error);
     if (error != 0)
         return L"<error " + std::to_wstring(error) + L">";
     std::wstring text = L"user " + SidText(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid) + L"; groups";
