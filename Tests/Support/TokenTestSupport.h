@@ -53,14 +53,13 @@ struct RevertAtExit
 {
     RevertAtExit() = default;
     RevertAtExit(const RevertAtExit&) = delete;
-    RevertAtExit& operator=(const RevertAtExit&) = delete;
     ~RevertAtExit() { ::RevertToSelf(); }
 };
 
 // Tests/Programs/qxtoken_child.exe: prints "ready <pid> <tid>" and runs
 // until its standard input is closed (Finish, or the destructor), then exits
 // with 0. Started as this process's user, or with CreateProcessAsUserW under
-// the given primary token.
+// the given primary token; a start that fails is tried again.
 class ChildProcess
 {
 public:
