@@ -23,13 +23,13 @@ const wchar_t* const ChildVariable = L"QXBENCH_PIPE_CHILD";
 
 // "handover PIPE READY STOP": hands this process's identity over each time
 // the server sets READY, until STOP is set. "echo PIPE": answers every byte.
-int RunChild(const std::wstring& spec)
+int RunChild(const std::wstring& request)
 {
-    const size_t first = spec.find(L' '), second = spec.find(L' ', first + 1), third = spec.find(L' ', second + 1);
-    const std::wstring mode = spec.substr(0, first), pipe = spec.substr(first + 1, second - first - 1);
+    const size_t first = request.find(L' '), second = request.find(L' ', first + 1), third = request.find(L' ', second + 1);
+    const std::wstring mode = request.substr(0, first), pipe = request.substr(first + 1, second - first - 1);
     if (mode == L"echo")
     {
-        ATL::CHandle client(CreateFileW(spec.substr(first + 1).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+        ATL::CHandle client(CreateFileW(request.substr(first + 1).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                         OPEN_EXISTING, 0, nullptr));
         BYTE byte = 0;
         DWORD done = 0;
@@ -38,8 +38,8 @@ int RunChild(const std::wstring& spec)
         }
         return 0;
     }
-    ATL::CHandle ready(OpenEventW(SYNCHRONIZE, FALSE, spec.substr(second + 1, third - second - 1).c_str()));
-    ATL::CHandle stop(OpenEventW(SYNCHRONIZE, FALSE, spec.substr(third + 1).c_str()));
+    ATL::CHandle ready(OpenEventW(SYNCHRONIZE, FALSE, request.substr(second + 1, third - second - 1).c_str()));
+    ATL::CHandle stop(OpenEventW(SYNCHRONIZE, FALSE, request.substr(third + 1).c_str()));
     ATL::CAccessToken token;
     token.GetProcessToken(TOKEN_DUPLICATE | TOKEN_IMPERSONATE | TOKEN_QUERY);
     QXCommon::CPipeImpersonateClient client(pipe, token.GetHandle(), [&](const std::wstring&) {
@@ -58,7 +58,7 @@ int RunChild(const std::wstring& spec)
 class Child
 {
 public:
-    explicit Child(const std::wstring& spec)
+    explicit Child(const std::wstring& request)
     {
         wchar_t self[MAX_PATH] = {};
         GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -66,7 +66,7 @@ public:
         STARTUPINFOW startup = {sizeof(startup)};
         startup.dwFlags = STARTF_USESTDHANDLES; // no handles: the child prints nothing
         PROCESS_INFORMATION info = {};
-        SetEnvironmentVariableW(ChildVariable, spec.c_str());
+        SetEnvironmentVariableW(ChildVariable, request.c_str());
         if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
         {
             CloseHandle(info.hThread);
@@ -87,10 +87,10 @@ private:
 
 void Run(qxbench::Runner& runner)
 {
-    wchar_t spec[1024] = {};
-    const DWORD length = GetEnvironmentVariableW(ChildVariable, spec, 1024);
+    wchar_t request[1024] = {};
+    const DWORD length = GetEnvironmentVariableW(ChildVariable, request, 1024);
     if (length > 0 && length < 1024)
-        ExitProcess(static_cast<UINT>(RunChild(spec)));
+        ExitProcess(static_cast<UINT>(RunChild(request)));
 
     const std::wstring unique = L"qxbench-" + QXCommon::CGuid::CreateNewAsString();
     const std::wstring pipe = L"\\\\.\\pipe\\" + unique, echoPipeName = pipe + L"-echo";
