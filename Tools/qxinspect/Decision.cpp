@@ -159,8 +159,8 @@ bool ParseLine(const std::wstring& line, const std::wstring& folder, Rule& rule,
         const bool hex = std::all_of(argument.begin(), argument.end(), [](wchar_t c) { return iswxdigit(c) && c < 128; });
         if (argument.size() != entry->hexDigits || !hex)
         {
-            reason = std::wstring(L"a ") + entry->name + L" hash is " + std::to_wstring(entry->hexDigits) +
-                     L" hexadecimal digits, not \"" + argument + L"\"";
+            reason = std::wstring(entry->name) + L" hash text: " + std::to_wstring(entry->hexDigits) +
+                     L" hexadecimal digits expected, not \"" + argument + L"\"";
             return false;
         }
     }
