@@ -74,7 +74,7 @@ protected:
         std::string lower = adler32;
         std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
         everyKind = "# every content kind, and paths with %VAR%\n\n"
-                    "[by name] name SIGNED.exe\n"
+                    "[ by name ] name SIGNED.exe\n"
                     "[drive] regex ^%SystemDrive%\\\\.*\\\\signed\\.exe$\n"
                     "[sha1]   sha1 " + upper + "\n"
                     "[sha256] sha256 " + sha256 + "\n"

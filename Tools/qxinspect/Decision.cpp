@@ -209,6 +209,11 @@ const wchar_t* RuleKindName(RuleKind kind)
     return KindEntry(kind).name;
 }
 
+MatchKind MatchKindOf(RuleKind kind)
+{
+    return KindEntry(kind).match;
+}
+
 const wchar_t* OutcomeName(Outcome outcome)
 {
     switch (outcome)
@@ -318,7 +323,8 @@ bool ParsePolicy(const ArgParser& parser, SignaturePolicy& policy, std::wstring&
     return true;
 }
 
-SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token)
+SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token,
+                             bool countTable)
 {
     SignatureFacts facts;
     if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
@@ -335,7 +341,8 @@ SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& po
         facts.friendlyName = TakeBstr(facts.signer.GetFriendlyName());
         facts.expires = UtcText(facts.signer.GetExpirationDate());
     }
-    facts.haveEntries = QXCommon::CDigitalCertificate::GetNumberOfCertificatesFromFile(path, facts.entries);
+    if (countTable)
+        facts.haveEntries = QXCommon::CDigitalCertificate::GetNumberOfCertificatesFromFile(path, facts.entries);
     return facts;
 }
 
@@ -456,7 +463,7 @@ RuleResult ExpandAndMatch(const Rule& rule, const std::wstring& program, QXCommo
     if (rule.kind == RuleKind::Folder || rule.kind == RuleKind::Subfolders)
         QXCommon::CFilePathPatternMatcher::StripFile(program, result.subject);
     std::wstring error;
-    const int matched = MatchPath(KindEntry(rule.kind).match, result.subject, result.expanded, 0, error);
+    const int matched = MatchPath(MatchKindOf(rule.kind), result.subject, result.expanded, 0, error);
     result.outcome = matched == 1 ? Outcome::Match : matched == 0 ? Outcome::NoMatch : Outcome::Unanswered;
     result.reason = matched < 0 ? error : Quoted(result.subject) + L" against " + Quoted(result.expanded);
     return result;
@@ -487,7 +494,7 @@ void StepSignature(Walk& walk, const std::vector<Rule>& rules)
     else if (walk.token.GetHandle() == nullptr)
         walk.signature.fileError = ERROR_NO_TOKEN;
     else
-        walk.signature = ReadSignature(walk.program, walk.policy, walk.token);
+        walk.signature = ReadSignature(walk.program, walk.policy, walk.token, false);
 }
 
 RuleResult MatchContentRule(const Rule& rule, const Walk& walk)

@@ -40,6 +40,8 @@ enum class RuleKind
     Signer,
 };
 const wchar_t* RuleKindName(RuleKind kind);
+// The matcher of a pattern rule (Automatic for hash and signer rules).
+MatchKind MatchKindOf(RuleKind kind);
 
 struct Rule
 {
@@ -93,7 +95,9 @@ struct SignatureFacts
     bool haveEntries = false;
     DWORD entries = 0;
 };
-SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token);
+// The certificate table is counted only when asked for.
+SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token,
+                             bool countTable = true);
 
 enum class Outcome
 {
