@@ -2,6 +2,7 @@
 // how their signer's chain fares; optionally whether the signer is a rule's
 // certificate.
 
+#include "Decision.h"
 #include "Facts.h"
 #include "Inspect.h"
 
@@ -181,13 +182,12 @@ int RunSig(Context& context, const std::vector<std::wstring>& args)
         return Fail(ExitUsage, L"sig needs at least one PATH (see qxinspect help sig)");
 
     Options options;
-    options.enforceExpiry = parser.Has(L"--enforce-expiry");
-    options.network = parser.Has(L"--network");
-    if (auto flags = parser.Value(L"--ignore"))
-    {
-        if (!ParseNumber32(*flags, options.ignoreFlags))
-            return Fail(ExitUsage, L"--ignore: not a 32-bit number: " + *flags);
-    }
+    SignaturePolicy policy;
+    if (!ParsePolicy(parser, policy, error))
+        return Fail(ExitUsage, error);
+    options.enforceExpiry = policy.enforceExpiry;
+    options.network = policy.network;
+    options.ignoreFlags = policy.ignoreFlags;
     if (auto cert = parser.Value(L"--cert"))
     {
         const DWORD certError = options.cert.ReadFromCERFile(*cert);
