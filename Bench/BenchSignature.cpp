@@ -7,6 +7,7 @@
 // goes.
 
 #include "Bench.h"
+#include "PlatformPeers.h"
 
 #include "CertificateFixtures.h"
 
@@ -21,23 +22,9 @@
 
 namespace
 {
-constexpr DWORD IgnoreFlags = CERT_CHAIN_POLICY_IGNORE_ALL_REV_UNKNOWN_FLAGS;
-
-HRESULT PlatformTrust(const std::wstring& path)
-{
-    WINTRUST_FILE_INFO file = {};
-    file.cbStruct = sizeof(file);
-    file.pcwszFilePath = path.c_str();
-    WINTRUST_DATA data = {};
-    data.cbStruct = sizeof(data);
-    data.dwUIChoice = WTD_UI_NONE;
-    data.fdwRevocationChecks = WTD_REVOKE_NONE;
-    data.dwUnionChoice = WTD_CHOICE_FILE;
-    data.pFile = &file;
-    data.dwProvFlags = WTD_SAFER_FLAG;
-    GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
-    return WinVerifyTrust(nullptr, &action, &data);
-}
+using qxbench::IgnoreFlags;
+using qxbench::PlatformChain;
+using qxbench::PlatformTrust;
 
 // A chain engine made and freed as the library's chain check does.
 void PlatformEngine()
@@ -48,24 +35,6 @@ void PlatformEngine()
     HCERTCHAINENGINE engine = nullptr;
     if (CertCreateCertificateChainEngine(&config, &engine))
         CertFreeCertificateChainEngine(engine);
-}
-
-DWORD PlatformChain(PCCERT_CONTEXT context)
-{
-    CERT_CHAIN_PARA para = {};
-    para.cbSize = sizeof(para);
-    PCCERT_CHAIN_CONTEXT chain = nullptr;
-    if (!CertGetCertificateChain(nullptr, context, nullptr, nullptr, &para, CERT_CHAIN_REVOCATION_CHECK_CHAIN, nullptr,
-                                 &chain))
-        return GetLastError();
-    CERT_CHAIN_POLICY_PARA policy = {};
-    policy.cbSize = sizeof(policy);
-    policy.dwFlags = IgnoreFlags;
-    CERT_CHAIN_POLICY_STATUS status = {};
-    status.cbSize = sizeof(status);
-    CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_BASE, chain, &policy, &status);
-    CertFreeCertificateChain(chain);
-    return status.dwError;
 }
 
 void Run(qxbench::Runner& runner)
@@ -83,7 +52,7 @@ void Run(qxbench::Runner& runner)
     token.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE);
     QXCommon::VerifySignedFile policy(true, IgnoreFlags, false);
     if (policy.Verify(signer, path, token) != S_OK || PlatformTrust(path) != S_OK ||
-        PlatformChain(signer.GetContext()) != 0)
+        PlatformChain(signer.GetContext(), IgnoreFlags) != 0)
     {
         fputws(L"signature: the fixture does not verify here; not timed\n", stdout);
         return;
@@ -94,7 +63,7 @@ void Run(qxbench::Runner& runner)
         [&] { qxbench::KeepAlive(policy.Verify(signer, path, token)); },
         [&] {
             qxbench::KeepAlive(PlatformTrust(path));
-            qxbench::KeepAlive(PlatformChain(signer.GetContext()));
+            qxbench::KeepAlive(PlatformChain(signer.GetContext(), IgnoreFlags));
         },
         1, L"signed.exe, trusted root, expiry enforced, revocation unknown ignored");
     runner.Compare(
@@ -103,12 +72,12 @@ void Run(qxbench::Runner& runner)
         [&] {
             qxbench::KeepAlive(PlatformTrust(path));
             PlatformEngine();
-            qxbench::KeepAlive(PlatformChain(signer.GetContext()));
+            qxbench::KeepAlive(PlatformChain(signer.GetContext(), IgnoreFlags));
         },
         1, L"what the library adds besides the engine");
     runner.Compare(L"CDigitalCertificate::Verify", L"chain + policy",
                    [&] { qxbench::KeepAlive(signer.Verify(IgnoreFlags, false)); },
-                   [&] { qxbench::KeepAlive(PlatformChain(signer.GetContext())); }, 1,
+                   [&] { qxbench::KeepAlive(PlatformChain(signer.GetContext(), IgnoreFlags)); }, 1,
                    L"the library also makes and frees a chain engine");
     runner.Compare(L"chain engine made and freed", L"", [&] { PlatformEngine(); }, {}, 1,
                    L"CertCreateCertificateChainEngine with no stores, then CertFreeCertificateChainEngine");

@@ -1,6 +1,7 @@
 #!/bin/sh
 # One entry point for people and CI.
 #   scripts/run.sh demo [qxinspect arguments]   build, then run qxinspect under Wine
+#                                               (default: check with the example rule set)
 #   scripts/run.sh test                         build, then run every test under Wine
 #   scripts/run.sh bench [qxbench arguments]    build, then run the benchmarks under Wine
 # The build tree is build/ (override with QX_BUILD_DIR).
@@ -19,7 +20,9 @@ cmake --build "$BUILD" --parallel "$(nproc)"
 case "$what" in
     demo)
         if [ $# -eq 0 ]; then
-            set -- os
+            # The example rule set against a system program (the prefix's Z: drive is /).
+            rules="Z:$(printf '%s' "$BUILD/bin/examples/rules.txt" | tr / '\\')"
+            set -- check --rules "$rules" --cmdline 'C:\windows\system32\notepad.exe win.ini'
         fi
         "$BUILD/qx-wine" start
         status=0

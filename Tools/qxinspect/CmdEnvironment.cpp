@@ -1,6 +1,7 @@
 // env, expand, normalise: a user's environment table as the library loads it,
 // and what rule strings expand or normalise to against it.
 
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/EnvironmentEx.h"
@@ -22,36 +23,6 @@ bool ParsePid(const ArgParser& parser, uint32_t& pid, std::wstring& error)
     if (!ParseNumber32(*pidText, pid) || pid == 0)
     {
         error = L"--pid needs a non-zero process id, not " + *pidText;
-        return false;
-    }
-    return true;
-}
-
-// Loads the table for process pid (its user and session), or for the tool's
-// own token and session when pid is 0. Fills error on failure.
-bool LoadTable(QXCommon::CEnvironmentEx& env, uint32_t pid, std::wstring& error)
-{
-    if (pid != 0)
-    {
-        if (env.LoadFromProcess(pid) != 1)
-        {
-            error = L"cannot load the environment of process " + std::to_wstring(pid) +
-                    L" (run with --log for the reason)";
-            return false;
-        }
-        return true;
-    }
-    CAccessToken token;
-    if (!token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE))
-    {
-        error = L"cannot open the tool's own token, error " + std::to_wstring(GetLastError());
-        return false;
-    }
-    DWORD session = 0;
-    ProcessIdToSessionId(GetCurrentProcessId(), &session);
-    if (env.LoadFromTokenHandle(token.GetHandle(), session) != 1)
-    {
-        error = L"cannot load the environment for the tool's own token (run with --log for the reason)";
         return false;
     }
     return true;

@@ -1,11 +1,10 @@
 // match, regex-check: how a path fares against a rule's pattern, and whether
 // a regular expression is accepted for a rule set.
 
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/FilePathPatternMatcher.h"
-#include "QXCommon/GlobWildcardString.h"
-#include "QXCommon/QXRegEx.h"
 #include "QXCommon/RegExHelpers.h"
 
 namespace qxinspect
@@ -42,36 +41,14 @@ int RunMatch(Context& context, const std::vector<std::wstring>& args)
 
     // The automatic kind is MatchAgainstPattern's own choice; a forced kind
     // calls that rule's matcher directly.
-    int result = 0;
-    if (!forced || kind == L"path")
-        result = CFilePathPatternMatcher::MatchAgainstPattern(path, pattern, flag);
-    else if (kind == L"name")
-        result = CFilePathPatternMatcher::MatchAgainstJustFileName(path, pattern);
-    else if (kind == L"wildcard")
-        result = CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, flag);
-    else if (kind == L"folder")
-        result = CFilePathPatternMatcher::MatchAgainstFolder(path, pattern, 0);
-    else if (kind == L"subfolders")
-        result = CFilePathPatternMatcher::MatchAgainstFolder(path, pattern, 1);
-    else if (kind == L"regex")
-    {
-        int parseError = 0;
-        if (!ValidateRegularExpression(pattern.c_str(), &parseError))
-            return Fail(ExitUsage, L"invalid regular expression, error " + std::to_wstring(parseError));
-        result = CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern(path, pattern);
-    }
-    else if (kind == L"glob")
-    {
-        QXCommon::RegExHelpers::GlobWildcardString glob;
-        if (!glob.Parse(pattern))
-            return Fail(ExitUsage, L"the glob cannot be compiled (run with --log for the reason)");
-        result = glob.Match(path) ? 1 : 0;
-    }
-    else if (kind == L"network")
-        result = CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(path, pattern, flag);
-    else
+    MatchKind matchKind = MatchKind::Automatic;
+    if (forced && (!ParseMatchKind(kind, matchKind) || matchKind == MatchKind::Automatic))
         return Fail(ExitUsage, L"unknown --kind " + kind +
-                                   L" (name, path, wildcard, folder, subfolders, regex, glob, network)");
+                                   L" (name, path, wildcard, folder, subfolders, regex, glob, network, "
+                                   L"hook-exceptions)");
+    const int result = MatchPath(matchKind, path, pattern, flag, error);
+    if (result < 0)
+        return Fail(ExitUsage, error);
 
     if (context.json)
         OutJson(Json::MakeObject()
@@ -130,10 +107,12 @@ QXINSPECT_COMMAND(L"match", L"match [--kind KIND] [--slash] PATH PATTERN",
                   L"Wildcards * and ? never span \\ or : (nor / with --slash).\n"
                   L"\n"
                   L"Options:\n"
-                  L"  --kind KIND  name | path | wildcard | folder | subfolders | regex | glob | network\n"
+                  L"  --kind KIND  name | path | wildcard | folder | subfolders | regex | glob | network |\n"
+                  L"               hook-exceptions\n"
                   L"               folder: the folder itself; subfolders: the folder and all below it;\n"
                   L"               regex: a case-insensitive search; glob: a whole match, * spanning\n"
-                  L"               separators; network: a UNC resource and everything below it\n"
+                  L"               separators; network: a UNC resource and everything below it;\n"
+                  L"               hook-exceptions: a ';'-separated list of names and folder\\name entries\n"
                   L"  --slash      / is a separator for the wildcards as well\n"
                   L"\n"
                   L"Output: \"match (KIND rule)\" or \"no match (KIND rule)\"; with --json an object\n"

@@ -1,13 +1,11 @@
 // owner: who owns a file, its group and DACL, and the hand-over of the file
 // to another process's user as the agent makes it.
 
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/ChangeFileOwner.h"
 #include "QXCommon/QXCommonFunctions.h"
-
-#include <aclapi.h>
-#include <sddl.h>
 
 #include <atlsecurity.h>
 
@@ -17,55 +15,6 @@ namespace qxinspect
 {
 namespace
 {
-struct Descriptor
-{
-    DWORD error = ERROR_SUCCESS;
-    std::wstring ownerSid, ownerName, groupSid, groupName, dacl;
-};
-
-std::wstring AccountOf(PSID sid)
-{
-    if (sid == nullptr || !IsValidSid(sid))
-        return L"";
-    ATL::CSid account(*static_cast<const SID*>(sid));
-    const std::wstring name = account.AccountName();
-    const std::wstring domain = account.Domain();
-    return domain.empty() || name.empty() ? name : domain + L"\\" + name;
-}
-
-std::wstring SidOf(PSID sid)
-{
-    return sid != nullptr && IsValidSid(sid) ? ATL::CSid(*static_cast<const SID*>(sid)).Sid() : L"";
-}
-
-// The platform's view of the file, read independently of the library.
-Descriptor ReadDescriptor(const std::wstring& path)
-{
-    Descriptor result;
-    PSID owner = nullptr, group = nullptr;
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    result.error = GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT,
-                                         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                                             DACL_SECURITY_INFORMATION,
-                                         &owner, &group, &dacl, nullptr, &descriptor);
-    if (result.error != ERROR_SUCCESS)
-        return result;
-    result.ownerSid = SidOf(owner);
-    result.ownerName = AccountOf(owner);
-    result.groupSid = SidOf(group);
-    result.groupName = AccountOf(group);
-    LPWSTR text = nullptr;
-    if (ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &text, nullptr))
-    {
-        result.dacl = text;
-        LocalFree(text);
-    }
-    LocalFree(descriptor);
-    return result;
-}
-
 std::wstring MessageOf(DWORD code)
 {
     return code == ERROR_SUCCESS ? L"the owner was changed"
@@ -128,7 +77,7 @@ int RunOwner(Context& context, const std::vector<std::wstring>& args)
                     !token.GetUser(&user)))
         return Fail(ExitFailed, L"cannot open the token of process " + std::to_wstring(pid) + L", error " +
                                     std::to_wstring(GetLastError()));
-    const std::wstring userName = pidText ? AccountOf(const_cast<SID*>(user.GetPSID())) : L"";
+    const std::wstring userName = pidText ? AccountOfSid(const_cast<SID*>(user.GetPSID())) : L"";
 
     int exitCode = ExitOk;
     Json files = Json::MakeArray();

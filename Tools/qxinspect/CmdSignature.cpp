@@ -2,6 +2,8 @@
 // how their signer's chain fares; optionally whether the signer is a rule's
 // certificate.
 
+#include "Decision.h"
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/DigitalCertificate.h"
@@ -44,38 +46,6 @@ const struct
     {CERT_TRUST_CTL_IS_NOT_VALID_FOR_USAGE, L"CTL not valid for usage"},
 };
 
-// Names of the results a verification gives most often (the system has no
-// text for some of them).
-const wchar_t* ResultName(HRESULT result)
-{
-    switch (result)
-    {
-    case S_OK: return L"S_OK";
-    case TRUST_E_NOSIGNATURE: return L"TRUST_E_NOSIGNATURE";
-    case TRUST_E_BAD_DIGEST: return L"TRUST_E_BAD_DIGEST";
-    case TRUST_E_SUBJECT_FORM_UNKNOWN: return L"TRUST_E_SUBJECT_FORM_UNKNOWN";
-    case TRUST_E_SYSTEM_ERROR: return L"TRUST_E_SYSTEM_ERROR";
-    case TRUST_E_CERT_SIGNATURE: return L"TRUST_E_CERT_SIGNATURE";
-    case TRUST_E_EXPLICIT_DISTRUST: return L"TRUST_E_EXPLICIT_DISTRUST";
-    case CERT_E_EXPIRED: return L"CERT_E_EXPIRED";
-    case CERT_E_UNTRUSTEDROOT: return L"CERT_E_UNTRUSTEDROOT";
-    case CERT_E_CHAINING: return L"CERT_E_CHAINING";
-    case CERT_E_REVOKED: return L"CERT_E_REVOKED";
-    case CERT_E_WRONG_USAGE: return L"CERT_E_WRONG_USAGE";
-    case CRYPT_E_NO_REVOCATION_CHECK: return L"CRYPT_E_NO_REVOCATION_CHECK";
-    case CRYPT_E_REVOCATION_OFFLINE: return L"CRYPT_E_REVOCATION_OFFLINE";
-    case CRYPT_E_NO_MATCH: return L"CRYPT_E_NO_MATCH";
-    default: return L"";
-    }
-}
-
-// "0x... text", with the code's name when it has one.
-std::wstring ResultText(HRESULT result)
-{
-    const std::wstring name = ResultName(result);
-    return QXCommon::CHResult(result).ToString() + (name.empty() ? L"" : L" [" + name + L"]");
-}
-
 std::vector<std::wstring> ChainErrorNames(DWORD status)
 {
     std::vector<std::wstring> names;
@@ -90,25 +60,6 @@ std::wstring Joined(const std::vector<std::wstring>& names)
     std::wstring text;
     for (const std::wstring& name : names)
         text += (text.empty() ? L"" : L", ") + name;
-    return text;
-}
-
-std::wstring TakeBstr(BSTR text)
-{
-    std::wstring value = text != nullptr ? std::wstring(text, SysStringLen(text)) : std::wstring();
-    SysFreeString(text);
-    return value;
-}
-
-// "YYYY-MM-DD hh:mm:ss UTC"; empty for a zero time.
-std::wstring UtcText(FILETIME time)
-{
-    SYSTEMTIME utc = {};
-    if ((time.dwHighDateTime == 0 && time.dwLowDateTime == 0) || !FileTimeToSystemTime(&time, &utc))
-        return std::wstring();
-    wchar_t text[32];
-    swprintf(text, 32, L"%04u-%02u-%02u %02u:%02u:%02u UTC", utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute,
-             utc.wSecond);
     return text;
 }
 
@@ -231,13 +182,12 @@ int RunSig(Context& context, const std::vector<std::wstring>& args)
         return Fail(ExitUsage, L"sig needs at least one PATH (see qxinspect help sig)");
 
     Options options;
-    options.enforceExpiry = parser.Has(L"--enforce-expiry");
-    options.network = parser.Has(L"--network");
-    if (auto flags = parser.Value(L"--ignore"))
-    {
-        if (!ParseNumber32(*flags, options.ignoreFlags))
-            return Fail(ExitUsage, L"--ignore: not a 32-bit number: " + *flags);
-    }
+    SignaturePolicy policy;
+    if (!ParsePolicy(parser, policy, error))
+        return Fail(ExitUsage, error);
+    options.enforceExpiry = policy.enforceExpiry;
+    options.network = policy.network;
+    options.ignoreFlags = policy.ignoreFlags;
     if (auto cert = parser.Value(L"--cert"))
     {
         const DWORD certError = options.cert.ReadFromCERFile(*cert);

@@ -1,10 +1,8 @@
 // split: which program and which arguments a command line names, and the
 // arguments with the files found on the search path written as full paths.
 
+#include "Facts.h"
 #include "Inspect.h"
-
-#include "QXCommon/CommandLineSplitter.h"
-#include "QXCommon/ExpandArgs.h"
 
 namespace qxinspect
 {
@@ -29,16 +27,10 @@ int RunSplit(Context& context, const std::vector<std::wstring>& args)
         cmdLine += word;
     }
 
-    std::wstring module;
-    std::wstring arguments;
-    const bool split = QXCommon::CommandLineSplitter::SplitCommandLine(cmdLine, module, arguments);
-    std::wstring expanded;
-    bool converted = false;
-    if (split)
-    {
-        QXCommon::CExpandArgs expander;
-        converted = expander.ConvertArgsToFullPath(arguments.c_str(), expanded) == 1;
-    }
+    const SplitLine line = SplitAndExpand(cmdLine);
+    const bool split = line.split;
+    const bool converted = line.converted;
+    const std::wstring &module = line.module, &arguments = line.arguments, &expanded = line.expanded;
 
     if (context.json)
     {

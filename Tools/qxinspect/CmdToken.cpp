@@ -2,6 +2,7 @@
 // process's or thread's token as the library answers for them, and the
 // identity key of processes.
 
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/LsaUtil.h"
@@ -72,21 +73,6 @@ std::wstring PrivilegeState(DWORD attributes)
     if (attributes & SE_PRIVILEGE_ENABLED)
         return attributes & SE_PRIVILEGE_ENABLED_BY_DEFAULT ? L"enabled (by default)" : L"enabled";
     return attributes & SE_PRIVILEGE_ENABLED_BY_DEFAULT ? L"disabled (enabled by default)" : L"disabled";
-}
-
-const wchar_t* ElevationTypeName(HANDLE token)
-{
-    const TOKEN_ELEVATION_TYPE* type = nullptr;
-    auto owner = ReadInfo(token, TokenElevationType, type);
-    if (type == nullptr)
-        return L"unknown";
-    switch (*type)
-    {
-    case TokenElevationTypeDefault: return L"default";
-    case TokenElevationTypeFull: return L"full";
-    case TokenElevationTypeLimited: return L"limited";
-    default: return L"unknown";
-    }
 }
 
 // The token to describe: the thread's identity (its impersonation, else its
@@ -236,19 +222,6 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
         Out(L"groups:\n" + groupText + L"privileges:\n" + privilegeText);
     }
     return memberText && !systemMember ? ExitNo : ExitOk;
-}
-
-// "2024-05-01T12:34:56.1234567Z": the FILETIME in UTC to its full precision.
-std::wstring IsoTime(const FILETIME& time)
-{
-    SYSTEMTIME utc = {};
-    if (!FileTimeToSystemTime(&time, &utc))
-        return L"";
-    const unsigned long long ticks = (static_cast<unsigned long long>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-    wchar_t text[40];
-    std::swprintf(text, 40, L"%04u-%02u-%02uT%02u:%02u:%02u.%07lluZ", utc.wYear, utc.wMonth, utc.wDay, utc.wHour,
-                  utc.wMinute, utc.wSecond, ticks % 10000000ULL);
-    return text;
 }
 
 int RunProcess(Context& context, const std::vector<std::wstring>& args)
