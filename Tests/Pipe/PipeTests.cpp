@@ -10,6 +10,7 @@
 #include "TokenTestSupport.h"
 
 #include <gtest/gtest.h>
+#include <winternl.h>
 
 #include <chrono>
 #include <future>
@@ -43,27 +44,56 @@ HANDLE OpenAsClient(const std::wstring& pipe)
                        SECURITY_SQOS_PRESENT | SECURITY_IMPERSONATION, nullptr);
 }
 
-// On another thread: opens the pipe as the library's client does (once it
-// exists), writes the bytes as one message and reads one byte back.
-// "open <error>", "reply <byte>" or "reply error <error>".
-std::future<std::string> RawClient(const std::wstring& pipe, const std::string& bytes)
+// On a thread of its own: opens the pipe as the library's client does (once
+// it exists), writes the bytes as one message and reads one byte back;
+// get() gives "open <error>", "reply <byte>" or "reply error <error>". A plain
+// system thread, so that no runtime lock or cached thread object adds handles
+// while the test counts them.
+class RawClient
 {
-    return std::async(std::launch::async, [pipe, bytes]() -> std::string {
+public:
+    RawClient(const std::wstring& pipe, const std::string& bytes)
+        : m_pipe(pipe), m_bytes(bytes), m_thread(CreateThread(nullptr, 0, &RawClient::Run, this, 0, nullptr))
+    {
+    }
+    ~RawClient() { get(); }
+    const std::string& get()
+    {
+        if (m_thread != nullptr)
+            WaitForSingleObject(m_thread, INFINITE);
+        return m_result;
+    }
+
+private:
+    static DWORD WINAPI Run(void* self)
+    {
+        static_cast<RawClient*>(self)->Exchange();
+        return 0;
+    }
+    void Exchange()
+    {
         HANDLE opened = INVALID_HANDLE_VALUE;
-        for (int k = 0; k < 1000 && (opened = OpenAsClient(pipe)) == INVALID_HANDLE_VALUE; ++k, Sleep(10))
+        for (int k = 0; k < 1000 && (opened = OpenAsClient(m_pipe)) == INVALID_HANDLE_VALUE; ++k, Sleep(10))
             if (GetLastError() != ERROR_FILE_NOT_FOUND)
                 break;
         if (opened == INVALID_HANDLE_VALUE)
-            return "open " + std::to_string(GetLastError());
+        {
+            m_result = "open " + std::to_string(GetLastError());
+            return;
+        }
         ATL::CHandle owner(opened);
         DWORD done = 0;
         BYTE reply = 0;
-        WriteFile(opened, bytes.data(), static_cast<DWORD>(bytes.size()), &done, nullptr);
-        if (!ReadFile(opened, &reply, 1, &done, nullptr))
-            return "reply error " + std::to_string(GetLastError());
-        return "reply " + std::to_string(reply);
-    });
-}
+        WriteFile(opened, m_bytes.data(), static_cast<DWORD>(m_bytes.size()), &done, nullptr);
+        m_result = ReadFile(opened, &reply, 1, &done, nullptr) ? "reply " + std::to_string(reply)
+                                                                : "reply error " + std::to_string(GetLastError());
+    }
+
+    const std::wstring m_pipe;
+    const std::string m_bytes;
+    std::string m_result;
+    ATL::CHandle m_thread;
+};
 
 // qxpipe_client.exe handing its identity over `count` times; the server sets
 // the named event `ready` when its pipe listens.
@@ -135,6 +165,48 @@ std::string UserOf(HANDLE token) // "S-1-5-..."
     const std::string described = QXTest::Narrow(QXTest::DescribeToken(token)); // "user S-...; groups ..."
     return described.substr(5, described.find(';') - 5);
 }
+// The handles of the kinds the server makes (pipe files, events, tokens,
+// threads), once those of threads that have just ended are gone: a leak stays.
+// Other kinds are left out, as Wine makes objects of its own lazily (a mutex
+// on a slow exchange, for one).
+size_t ServerKindHandleCount()
+{
+    using QueryObject = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<QueryObject>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
+    size_t count = 0;
+    DWORD flags = 0;
+    for (uintptr_t slot = 4, freeInARow = 0; freeInARow < 1024; slot += 4)
+    {
+        if (!GetHandleInformation(reinterpret_cast<HANDLE>(slot), &flags))
+        {
+            ++freeInARow;
+            continue;
+        }
+        freeInARow = 0;
+        alignas(8) BYTE buffer[512] = {};
+        const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer);
+        const std::wstring type = query != nullptr &&
+                                          query(reinterpret_cast<HANDLE>(slot), 2 /* type */, buffer, sizeof buffer,
+                                                nullptr) >= 0
+                                      ? std::wstring(name->Buffer, name->Length / sizeof(wchar_t))
+                                      : L"?";
+        count += type == L"File" || type == L"Event" || type == L"Token" || type == L"Thread" || type == L"?";
+    }
+    return count;
+}
+
+size_t SettledHandleCount(size_t expected)
+{
+    size_t count = ServerKindHandleCount();
+    for (int wait = 0; wait < 50 && count > expected; ++wait)
+    {
+        Sleep(20);
+        count = ServerKindHandleCount();
+    }
+    return count;
+}
+
 } // namespace
 
 TEST(PipeHandOver, ClientIdentityArrivesAsAUsablePrimaryToken)
@@ -202,11 +274,11 @@ TEST(PipeHandOver, AThousandInARowLeaveNoHandleAndNoImpersonation)
     {
         left += Impersonating();
         if (ok == 9) // by now the system's own lazily made handles exist
-            handles = QXTest::OpenHandleCount();
+            handles = ServerKindHandleCount();
     }
     EXPECT_EQ(ok, 1000);
     EXPECT_EQ(left, 0);
-    EXPECT_LE(QXTest::OpenHandleCount(), handles);
+    EXPECT_LE(SettledHandleCount(handles), handles);
     const std::string output = client.run.get().output;
     EXPECT_NE(output.find("result ok=1000 failed=0 left=0 handles+0"), std::string::npos) << output;
 }
@@ -238,9 +310,11 @@ TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
     size_t handles = 0;
     for (const auto& message : messages)
     {
+        if (&message == &messages[1]) // after a first exchange the system's own handles exist
+            handles = ServerKindHandleCount();
         SCOPED_TRACE(QXTest::Narrow(message.logged));
         const std::wstring pipe = UniquePipeName();
-        auto client = RawClient(pipe, message.bytes);
+        RawClient client(pipe, message.bytes);
         ATL::CHandle token;
         EXPECT_FALSE(CPipeImpersonateServer::GetToken(token, pipe, notAnEvent));
         EXPECT_FALSE(Impersonating());
@@ -249,8 +323,6 @@ TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
         EXPECT_EQ(client.get(), "reply error 233");
         EXPECT_EQ(OpenAsClient(pipe), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-        if (handles == 0) // after the first exchange the system's own handles exist
-            handles = QXTest::OpenHandleCount();
     }
     notAnEvent.Detach();
     EXPECT_LOGGED(log, L"SetEvent() failed. Error code=[6]\n");
@@ -259,7 +331,7 @@ TEST(PipeServer, FailsOnAnythingButTheReadyByteAndLeavesNoInstance)
     ATL::CHandle token;
     EXPECT_FALSE(CPipeImpersonateServer::GetToken(token, L"C:\\not-a-pipe", nullptr));
     EXPECT_TRUE(log.HasFragment(L"Could not create pipe C:\\not-a-pipe. Error: ")) << log.Dump();
-    EXPECT_EQ(QXTest::OpenHandleCount(), handles);
+    EXPECT_EQ(SettledHandleCount(handles), handles);
 }
 
 TEST(PipeServer, AcceptsAnEarlyClientAndRefusesASecondOne)
