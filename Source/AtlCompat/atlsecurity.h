@@ -11,8 +11,10 @@
 #include <cstring>
 #include <cwchar>
 #include <memory>
+#include <cstddef>
 #include <new>
 #include <string>
+#include <vector>
 
 namespace ATL
 {
@@ -377,9 +379,73 @@ inline CSid PowerUsers()
 } // S-1-5-32-547
 } // namespace Sids
 
-// ATL's privilege-set class is not part of this subset; the previous-state
-// parameter of EnablePrivilege/DisablePrivilege must be null.
-class CTokenPrivileges;
+// A set of privileges with their attributes, as AdjustTokenPrivileges takes
+// and returns them: the new state to apply, or the previous state to put
+// back. Only the part of ATL's class that saving and restoring needs.
+class CTokenPrivileges
+{
+public:
+    CTokenPrivileges() = default;
+    virtual ~CTokenPrivileges() = default;
+    CTokenPrivileges(const CTokenPrivileges&) = default;
+    CTokenPrivileges& operator=(const CTokenPrivileges&) = default;
+    CTokenPrivileges(const TOKEN_PRIVILEGES& rPrivileges) { Add(rPrivileges); }
+
+    // Adds each privilege of the set; one already present takes the new
+    // attributes.
+    void Add(const TOKEN_PRIVILEGES& rPrivileges)
+    {
+        for (DWORD i = 0; i < rPrivileges.PrivilegeCount; ++i)
+            Set(rPrivileges.Privileges[i].Luid, rPrivileges.Privileges[i].Attributes);
+    }
+    // Adds the named privilege as enabled or disabled; false when the name is
+    // unknown.
+    bool Add(LPCWSTR pszPrivilege, bool bEnable)
+    {
+        LUID luid = {};
+        if (pszPrivilege == nullptr || !::LookupPrivilegeValueW(nullptr, pszPrivilege, &luid))
+            return false;
+        Set(luid, bEnable ? SE_PRIVILEGE_ENABLED : 0);
+        return true;
+    }
+    void DeleteAll() noexcept { m_privileges.clear(); }
+
+    UINT GetCount() const noexcept { return static_cast<UINT>(m_privileges.size()); }
+    // The size in bytes of the TOKEN_PRIVILEGES that GetPTOKEN_PRIVILEGES gives.
+    UINT GetLength() const noexcept
+    {
+        const size_t count = m_privileges.empty() ? 1 : m_privileges.size();
+        return static_cast<UINT>(offsetof(TOKEN_PRIVILEGES, Privileges) + count * sizeof(LUID_AND_ATTRIBUTES));
+    }
+    // Valid until the set is next changed.
+    const TOKEN_PRIVILEGES* GetPTOKEN_PRIVILEGES() const
+    {
+        m_buffer.assign(GetLength(), 0);
+        auto* privileges = reinterpret_cast<TOKEN_PRIVILEGES*>(m_buffer.data());
+        privileges->PrivilegeCount = GetCount();
+        for (size_t i = 0; i < m_privileges.size(); ++i)
+            privileges->Privileges[i] = m_privileges[i];
+        return privileges;
+    }
+    operator const TOKEN_PRIVILEGES*() const { return GetPTOKEN_PRIVILEGES(); }
+
+private:
+    void Set(const LUID& luid, DWORD attributes)
+    {
+        for (auto& privilege : m_privileges)
+        {
+            if (privilege.Luid.LowPart == luid.LowPart && privilege.Luid.HighPart == luid.HighPart)
+            {
+                privilege.Attributes = attributes;
+                return;
+            }
+        }
+        m_privileges.push_back({luid, attributes});
+    }
+
+    std::vector<LUID_AND_ATTRIBUTES> m_privileges;
+    mutable std::vector<DWORD> m_buffer; // DWORD-aligned TOKEN_PRIVILEGES
+};
 
 // Owns an access token handle and closes it on destruction. Not copyable.
 class CAccessToken
@@ -533,7 +599,11 @@ public:
 
     // As in ATL, the result is true when AdjustTokenPrivileges succeeded;
     // *pbErrNotAllAssigned tells whether the token lacks the privilege
-    // (ERROR_NOT_ALL_ASSIGNED). The token needs TOKEN_ADJUST_PRIVILEGES.
+    // (ERROR_NOT_ALL_ASSIGNED). *pPreviousState receives the privileges whose
+    // state changed, with their attributes before (none when the privilege
+    // was already in the state asked for): EnableDisablePrivileges with it
+    // puts them back. The token needs TOKEN_ADJUST_PRIVILEGES, and
+    // TOKEN_QUERY for the previous state.
     bool EnablePrivilege(LPCWSTR pszPrivilege, CTokenPrivileges* pPreviousState = nullptr,
                          bool* pbErrNotAllAssigned = nullptr) noexcept
     {
@@ -543,6 +613,23 @@ public:
                           bool* pbErrNotAllAssigned = nullptr) noexcept
     {
         return AdjustPrivilege(pszPrivilege, 0, pPreviousState, pbErrNotAllAssigned);
+    }
+
+    // Applies a set of privilege states (the previous state of an earlier
+    // call puts that call's changes back); an empty set changes nothing and
+    // succeeds. Results as for EnablePrivilege.
+    bool EnableDisablePrivileges(const CTokenPrivileges& rPrivileges, CTokenPrivileges* pPreviousState = nullptr,
+                                 bool* pbErrNotAllAssigned = nullptr)
+    {
+        if (rPrivileges.GetCount() == 0)
+        {
+            if (pbErrNotAllAssigned != nullptr)
+                *pbErrNotAllAssigned = false;
+            return true;
+        }
+        if (m_hToken == nullptr)
+            return InvalidParameter();
+        return Adjust(rPrivileges.GetPTOKEN_PRIVILEGES(), pPreviousState, pbErrNotAllAssigned);
     }
 
     bool IsTokenRestricted() const noexcept { return ::IsTokenRestricted(m_hToken) != FALSE; }
@@ -640,11 +727,6 @@ private:
     bool AdjustPrivilege(LPCWSTR pszPrivilege, DWORD attributes, CTokenPrivileges* pPreviousState,
                          bool* pbErrNotAllAssigned) noexcept
     {
-        if (pPreviousState != nullptr)
-        {
-            ::SetLastError(ERROR_NOT_SUPPORTED);
-            return false;
-        }
         if (pszPrivilege == nullptr || m_hToken == nullptr)
             return InvalidParameter();
         TOKEN_PRIVILEGES privileges = {};
@@ -652,12 +734,34 @@ private:
         privileges.Privileges[0].Attributes = attributes;
         if (!::LookupPrivilegeValueW(nullptr, pszPrivilege, &privileges.Privileges[0].Luid))
             return false;
-        if (!::AdjustTokenPrivileges(m_hToken, FALSE, &privileges, 0, nullptr, nullptr))
+        return Adjust(&privileges, pPreviousState, pbErrNotAllAssigned);
+    }
+
+    bool Adjust(const TOKEN_PRIVILEGES* newState, CTokenPrivileges* pPreviousState, bool* pbErrNotAllAssigned) noexcept
+    {
+        try
+        {
+            // Room for the previous state of every privilege in the new one.
+            const size_t bytes = offsetof(TOKEN_PRIVILEGES, Privileges) +
+                                 (newState->PrivilegeCount + 1) * sizeof(LUID_AND_ATTRIBUTES);
+            std::vector<DWORD> previous(pPreviousState != nullptr ? bytes / sizeof(DWORD) + 1 : 0);
+            auto* previousState = reinterpret_cast<TOKEN_PRIVILEGES*>(previous.data());
+            DWORD length = static_cast<DWORD>(previous.size() * sizeof(DWORD));
+            if (!::AdjustTokenPrivileges(m_hToken, FALSE, const_cast<TOKEN_PRIVILEGES*>(newState), length,
+                                         previousState, previousState != nullptr ? &length : nullptr))
+                return false;
+            const bool notAllAssigned = ::GetLastError() == ERROR_NOT_ALL_ASSIGNED;
+            if (pbErrNotAllAssigned != nullptr)
+                *pbErrNotAllAssigned = notAllAssigned;
+            if (pPreviousState != nullptr)
+                pPreviousState->Add(*previousState);
+            return true;
+        }
+        catch (const std::bad_alloc&)
+        {
+            ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
             return false;
-        const bool notAllAssigned = ::GetLastError() == ERROR_NOT_ALL_ASSIGNED;
-        if (pbErrNotAllAssigned != nullptr)
-            *pbErrNotAllAssigned = notAllAssigned;
-        return true;
+        }
     }
 
     CHandle m_hToken;

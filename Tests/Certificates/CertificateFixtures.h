@@ -60,17 +60,12 @@ private:
         const std::vector<BYTE> bytes = ReadBytes(FixturePath(file));
         PCCERT_CONTEXT certificate =
             CertCreateCertificateContext(X509_ASN_ENCODING, bytes.data(), static_cast<DWORD>(bytes.size()));
-        HCERTSTORE store =
-            CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, storeName);
-        bool done = false;
-        if (certificate != nullptr && store != nullptr)
-        {
-            if (add)
-                done = CertAddCertificateContextToStore(store, certificate, CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
-            else if (PCCERT_CONTEXT found = CertFindCertificateInStore(store, X509_ASN_ENCODING, 0,
-                                                                       CERT_FIND_EXISTING, certificate, nullptr))
-                done = CertDeleteCertificateFromStore(found); // frees found
-        }
+        HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, storeName);
+        PCCERT_CONTEXT found = certificate == nullptr || store == nullptr || add ? nullptr
+            : CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, certificate, nullptr);
+        const bool done = add ? certificate != nullptr && store != nullptr &&
+                                    CertAddCertificateContextToStore(store, certificate, CERT_STORE_ADD_REPLACE_EXISTING, nullptr)
+                              : found != nullptr && CertDeleteCertificateFromStore(found); // frees found
         if (store != nullptr)
             CertCloseStore(store, 0);
         if (certificate != nullptr)

@@ -180,7 +180,7 @@ std::wstring ModuleDir()
     return dir.substr(0, dir.find_last_of(L"\\/"));
 }
 
-ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
+ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDLE token)
 {
     // The child writes its standard output and error into a temporary file
     // that goes with the last handle: no pipe it could fill, no reader thread.
@@ -198,7 +198,10 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs)
     // A start that fails on a loaded machine is tried again.
     bool created = false;
     for (int attempt = 0; attempt < 3 && !created && output != INVALID_HANDLE_VALUE; ++attempt)
-        created = CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi) ||
+        created = (token != nullptr ? CreateProcessAsUserW(token, nullptr, mutableLine.data(), nullptr, nullptr, TRUE,
+                                                           0, nullptr, nullptr, &si, &pi)
+                                    : CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                                     nullptr, &si, &pi)) ||
                   (Sleep(100), false);
     if (!created)
     {

@@ -144,7 +144,8 @@ std::wstring ModuleDir();
 // Full path of a helper program built from Tests/Programs.
 inline std::wstring HelperPath(const std::wstring& exeName) { return ModuleDir() + L"\\" + exeName; }
 // Runs a command line, collects its output, waits (killing it on time-out).
-ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+// With a primary token the program runs under it (CreateProcessAsUserW).
+ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000, HANDLE token = nullptr);
 // Runs qxinspect.exe (beside the tests) with the arguments.
 inline ProcessResult RunInspect(const std::wstring& arguments)
 {

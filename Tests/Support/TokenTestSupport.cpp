@@ -16,21 +16,16 @@ struct LocalDeleter
     void operator()(void* p) const { LocalFree(p); }
 };
 
+// One class of the token's information; empty, with the error, on failure.
+// The buffer holds pointers into itself: it is moved, never copied.
 std::vector<BYTE> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, DWORD& error)
 {
     DWORD size = 0;
-    error = 0;
-    if (!GetTokenInformation(token, infoClass, nullptr, 0, &size) && GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-    {
-        error = GetLastError();
-        return {};
-    }
+    GetTokenInformation(token, infoClass, nullptr, 0, &size);
     std::vector<BYTE> info(size);
-    if (!GetTokenInformation(token, infoClass, info.data(), size, &size))
-    {
-        error = GetLastError();
+    error = size != 0 && GetTokenInformation(token, infoClass, info.data(), size, &size) ? 0 : GetLastError();
+    if (error != 0)
         info.clear();
-    }
     return info;
 }
 } // namespace
@@ -40,18 +35,12 @@ std::wstring SidText(PSID sid)
     LPWSTR text = nullptr;
     if (sid == nullptr || !IsValidSid(sid) || !ConvertSidToStringSidW(sid, &text))
         return L"";
-    std::unique_ptr<wchar_t, LocalDeleter> owner(text);
-    return text;
+    return std::unique_ptr<wchar_t, LocalDeleter>(text).get();
 }
 
 ATL::CHandle RestrictedProcessToken(const std::vector<std::wstring>& denyOnlySids,
                                     const std::vector<std::wstring>& removedPrivileges)
 {
-    HANDLE processToken = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &processToken))
-        return ATL::CHandle();
-    ATL::CHandle source(processToken);
-
     std::vector<std::unique_ptr<void, LocalDeleter>> sids;
     std::vector<SID_AND_ATTRIBUTES> disabled;
     for (const auto& text : denyOnlySids)
@@ -62,18 +51,16 @@ ATL::CHandle RestrictedProcessToken(const std::vector<std::wstring>& denyOnlySid
         sids.emplace_back(sid);
         disabled.push_back({sid, 0});
     }
-    std::vector<LUID_AND_ATTRIBUTES> removed;
-    for (const auto& name : removedPrivileges)
-    {
-        LUID_AND_ATTRIBUTES privilege = {};
-        if (!LookupPrivilegeValueW(nullptr, name.c_str(), &privilege.Luid))
+    std::vector<LUID_AND_ATTRIBUTES> removed(removedPrivileges.size());
+    for (size_t i = 0; i < removed.size(); ++i)
+        if (!LookupPrivilegeValueW(nullptr, removedPrivileges[i].c_str(), &removed[i].Luid))
             return ATL::CHandle();
-        removed.push_back(privilege);
-    }
-    HANDLE restricted = nullptr;
-    if (!CreateRestrictedToken(source, 0, static_cast<DWORD>(disabled.size()), disabled.data(),
-                               static_cast<DWORD>(removed.size()), removed.data(), 0, nullptr, &restricted))
+    HANDLE source = nullptr, restricted = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &source))
         return ATL::CHandle();
+    ATL::CHandle owner(source);
+    CreateRestrictedToken(source, 0, static_cast<DWORD>(disabled.size()), disabled.data(),
+                          static_cast<DWORD>(removed.size()), removed.data(), 0, nullptr, &restricted);
     return ATL::CHandle(restricted);
 }
 
@@ -85,21 +72,37 @@ ATL::CHandle AdminDenyOnlyToken()
 ATL::CHandle ImpersonationCopy(HANDLE token)
 {
     HANDLE copy = nullptr;
-    if (!DuplicateTokenEx(token, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenImpersonation, &copy))
-        return ATL::CHandle();
+    DuplicateTokenEx(token, TOKEN_ALL_ACCESS, nullptr, SecurityImpersonation, TokenImpersonation, &copy);
     return ATL::CHandle(copy);
+}
+
+DWORD PrivilegeAttributes(HANDLE token, const wchar_t* name)
+{
+    LUID luid = {};
+    DWORD error = 0;
+    auto info = TokenInfo(token, TokenPrivileges, error);
+    if (info.empty() || !LookupPrivilegeValueW(nullptr, name, &luid))
+        return 0xFFFFFFFF;
+    const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(info.data());
+    for (DWORD i = 0; i < privileges->PrivilegeCount; ++i)
+    {
+        const LUID& held = privileges->Privileges[i].Luid;
+        if (held.LowPart == luid.LowPart && held.HighPart == luid.HighPart)
+            return privileges->Privileges[i].Attributes;
+    }
+    return 0xFFFFFFFF;
 }
 
 std::wstring DescribeToken(HANDLE token)
 {
     DWORD error = 0;
-    auto user = TokenInfo(token, TokenUser, error);
-    if (user.empty())
+    const auto user = TokenInfo(token, TokenUser, error);
+    std::vector<BYTE> groupInfo;
+    if (error == 0)
+        groupInfo = TokenInfo(token, TokenGroups, error);
+    if (error != 0)
         return L"<error " + std::to_wstring(error) + L">";
-    auto groupInfo = TokenInfo(token, TokenGroups, error);
-    if (groupInfo.empty())
-        return L"<error " + std::to_wstring(error) + L">";
-    std::wstring text = L"user " + SidText(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid) + L"; groups";
+    std::wstring text = L"user " + SidText(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid) + L"; groups";
     const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(groupInfo.data());
     for (DWORD i = 0; i < groups->GroupCount; ++i)
     {
@@ -115,67 +118,60 @@ std::wstring DescribeImpersonation(HANDLE thread)
     HANDLE token = nullptr;
     if (!OpenThreadToken(thread, TOKEN_QUERY, TRUE, &token))
         return GetLastError() == ERROR_NO_TOKEN ? L"nothing" : L"<error " + std::to_wstring(GetLastError()) + L">";
-    ATL::CHandle owner(token);
-    return DescribeToken(token);
+    return DescribeToken(ATL::CHandle(token));
 }
 
 size_t OpenHandleCount()
 {
     // Handles are multiples of 4; the probe ends after 1,024 free slots in a row.
     size_t count = 0;
-    int freeInARow = 0;
-    for (uintptr_t slot = 4; freeInARow < 1024; slot += 4)
-    {
-        DWORD flags = 0;
+    DWORD flags = 0;
+    for (uintptr_t slot = 4, freeInARow = 0; freeInARow < 1024; slot += 4)
         if (GetHandleInformation(reinterpret_cast<HANDLE>(slot), &flags))
-        {
-            ++count;
-            freeInARow = 0;
-        }
+            ++count, freeInARow = 0;
         else
             ++freeInARow;
-    }
     return count;
 }
 
 ChildProcess::ChildProcess(HANDLE token)
 {
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
-    if (!CreatePipe(&inRead, &inWrite, &inherit, 0))
-        return;
-    ATL::CHandle childInput(inRead);
-    m_input.Attach(inWrite);
-    if (!CreatePipe(&outRead, &outWrite, &inherit, 0))
-        return;
-    ATL::CHandle output(outRead), childOutput(outWrite);
-    SetHandleInformation(m_input, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
-
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = childInput;
-    si.hStdOutput = si.hStdError = childOutput;
-    std::wstring commandLine = L"\"" + HelperPath(L"qxtoken_child.exe") + L"\"";
-    PROCESS_INFORMATION pi{};
-    const BOOL created =
-        token != nullptr
-            ? CreateProcessAsUserW(token, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)
-            : CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-    if (!created)
-        return;
-    m_process.Attach(pi.hProcess);
-    m_thread.Attach(pi.hThread);
-    childOutput.Close();
-
-    char line[64] = {};
-    DWORD read = 0;
-    unsigned long pid = 0, tid = 0;
-    m_ready = ReadFile(output, line, sizeof line - 1, &read, nullptr) &&
-              std::sscanf(line, "ready %lu %lu", &pid, &tid) == 2 && pid == pi.dwProcessId;
-    m_pid = pi.dwProcessId;
-    m_tid = pi.dwThreadId;
+    // A start that fails on a loaded machine (the process is not created, or
+    // ends before it says it is ready) is tried again.
+    for (int attempt = 0; attempt < 3 && !m_ready; ++attempt)
+    {
+        if (attempt > 0)
+            Sleep(200);
+        Forget();
+        SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+        HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
+        if (!CreatePipe(&inRead, &inWrite, &inherit, 0) || !CreatePipe(&outRead, &outWrite, &inherit, 0))
+            continue;
+        ATL::CHandle childInput(inRead), output(outRead), childOutput(outWrite);
+        m_input.Attach(inWrite);
+        SetHandleInformation(m_input, HANDLE_FLAG_INHERIT, 0);
+        SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
+        STARTUPINFOW si{sizeof si};
+        si.dwFlags = STARTF_USESTDHANDLES;
+        si.hStdInput = childInput;
+        si.hStdOutput = si.hStdError = childOutput;
+        std::wstring commandLine = L"\"" + HelperPath(L"qxtoken_child.exe") + L"\"";
+        PROCESS_INFORMATION pi{};
+        if (token != nullptr ? !CreateProcessAsUserW(token, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                                     nullptr, &si, &pi)
+                             : !CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+            continue;
+        m_process.Attach(pi.hProcess);
+        m_thread.Attach(pi.hThread);
+        m_pid = pi.dwProcessId;
+        m_tid = pi.dwThreadId;
+        childOutput.Close();
+        char line[64] = {};
+        DWORD read = 0;
+        unsigned long pid = 0, tid = 0;
+        m_ready = ReadFile(output, line, sizeof line - 1, &read, nullptr) &&
+                  std::sscanf(line, "ready %lu %lu", &pid, &tid) == 2 && pid == m_pid;
+    }
 }
 
 ChildProcess::~ChildProcess()
@@ -189,7 +185,7 @@ DWORD ChildProcess::Finish()
     DWORD code = 0xFFFFFFFF;
     if (m_process == nullptr)
         return code;
-    if (WaitForSingleObject(m_process, 10000) != WAIT_OBJECT_0)
+    if (WaitForSingleObject(m_process, 30000) != WAIT_OBJECT_0)
         TerminateProcess(m_process, 0xDEAD);
     GetExitCodeProcess(m_process, &code);
     return code;

@@ -28,6 +28,11 @@ ATL::CHandle AdminDenyOnlyToken();
 // CheckTokenMembership, SetThreadToken and the like. Empty on failure.
 ATL::CHandle ImpersonationCopy(HANDLE token);
 
+// The attributes of the named privilege in the token (TOKEN_QUERY), as
+// GetTokenInformation(TokenPrivileges) reports them; 0xFFFFFFFF when the
+// token does not hold it or cannot be read.
+DWORD PrivilegeAttributes(HANDLE token, const wchar_t* name);
+
 // "user S-...; groups S-...:0x7 S-...:0x19 ..." in the token's own order:
 // two tokens with the same description carry the same identity. Attributes
 // are hexadecimal. "<error N>" when the token cannot be read.
@@ -48,14 +53,13 @@ struct RevertAtExit
 {
     RevertAtExit() = default;
     RevertAtExit(const RevertAtExit&) = delete;
-    RevertAtExit& operator=(const RevertAtExit&) = delete;
     ~RevertAtExit() { ::RevertToSelf(); }
 };
 
 // Tests/Programs/qxtoken_child.exe: prints "ready <pid> <tid>" and runs
 // until its standard input is closed (Finish, or the destructor), then exits
 // with 0. Started as this process's user, or with CreateProcessAsUserW under
-// the given primary token.
+// the given primary token; a start that fails is tried again.
 class ChildProcess
 {
 public:

@@ -1,162 +1,171 @@
-// Tokens of this process, of child processes and of threads; membership by
-// the system's rule and attribute-blind; elevation as the platform reports it.
+// Real tokens of this process, of children and of impersonating threads:
+// attach and membership by the system's rule and attribute-blind, elevation
+// as the platform reports it, the impersonation guard, privileges, process
+// identity over live, ended and reused ids, handle leaks and qxinspect.
 
-#include "TokenSuite.h"
+#include "QXTestSupport.h"
+#include "TokenTestSupport.h"
 
+#include "QXCommon/ImpersonationSaver.h"
+#include "QXCommon/LsaUtil.h"
+#include "QXCommon/ProcessIDAndCreateTime.h"
 #include "QXCommon/QXAccessTokenMembership.h"
 #include "QXCommon/QXCommonFunctions.h"
 
+#include <atlsecurity.h>
 
-using namespace TokenTest;
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
 namespace F = QXCommonFunctions;
+using QXCommon::CProcessIDAndCreateTime;
+using QXTest::DescribeImpersonation;
+using QXTest::DescribeToken;
 
 namespace
 {
-const char* const Attach = "QXCommonFunctions::AttachAtlAccessTokenTo";
+// A thread that waits until the object ends, impersonating a copy of the
+// token (or nothing, for a null token), set from outside.
+struct ImpersonatingThread : QXTest::NoCopy
+{
+    explicit ImpersonatingThread(HANDLE token)
+    {
+        handle.Attach(CreateThread(nullptr, 0, [](void* stop) -> DWORD { return WaitForSingleObject(stop, INFINITE); }, stop, 0, &id));
+        HANDLE thread = handle;
+        impersonating = token != nullptr && SetThreadToken(&thread, QXTest::ImpersonationCopy(token));
+    }
+    ~ImpersonatingThread()
+    {
+        SetEvent(stop);
+        WaitForSingleObject(handle, 30000);
+    }
+    ATL::CHandle stop{CreateEventW(nullptr, TRUE, FALSE, nullptr)}, handle;
+    DWORD id = 0;
+    bool impersonating = false;
+};
 
+ATL::CHandle ProcessToken()
+{
+    HANDLE token = nullptr;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &token);
+    return ATL::CHandle(token);
+}
+
+TOKEN_TYPE TypeOf(HANDLE token)
+{
+    TOKEN_TYPE type = static_cast<TOKEN_TYPE>(0);
+    DWORD size = 0;
+    GetTokenInformation(token, TokenType, &type, sizeof type, &size);
+    return type;
+}
+
+using Attach = BOOL (*)(ATL::CAccessToken&, DWORD);
+const Attach Primary = &F::AttachAtlAccessTokenToPrimaryTokenFromProcessId,
+             Impersonation = &F::AttachAtlAccessTokenToImpersonationTokenFromProcessId,
+             Thread = &F::AttachAtlAccessTokenToTokenFromThreadId;
+} // namespace
+
+// Tokens of this process, of a child under a token in which Administrators
+// is deny-only and of a thread impersonating it; a token object that holds a
+// handle is refused and keeps it; failures keep the system error; the
+// identity a thread acts with, as a primary token.
 TEST(TokenAttach, ProcessAndThreadTokensCarryTheirIdentity)
 {
-    QXTest::RevertAtExit revert;
-    ATL::CHandle own = ProcessToken();
-    ATL::CHandle restricted = QXTest::AdminDenyOnlyToken();
-    ASSERT_NE(restricted, nullptr);
+    ATL::CHandle own = ProcessToken(), restricted = QXTest::AdminDenyOnlyToken();
     QXTest::ChildProcess child(restricted);
-    ASSERT_TRUE(child.Ready());
-    ImpersonatingThread impersonating(restricted);
-    ASSERT_TRUE(impersonating.Impersonating());
-
-    struct
+    ImpersonatingThread impersonating(restricted), plain(nullptr);
+    ASSERT_TRUE(child.Ready() && impersonating.impersonating);
+    const std::tuple<Attach, DWORD, HANDLE, TOKEN_TYPE> cases[] = {
+        {Primary, GetCurrentProcessId(), own, TokenPrimary},    {Impersonation, GetCurrentProcessId(), own, TokenImpersonation},
+        {Primary, child.Pid(), restricted, TokenPrimary},       {Impersonation, child.Pid(), restricted, TokenImpersonation},
+        {Thread, impersonating.id, restricted, TokenImpersonation}};
+    for (const auto& [attach, id, expected, type] : cases)
     {
-        BOOL (*attach)(ATL::CAccessToken&, DWORD);
-        DWORD id;
-        HANDLE expected;
-        TOKEN_TYPE type;
-    } cases[] = {
-        {&F::AttachAtlAccessTokenToPrimaryTokenFromProcessId, GetCurrentProcessId(), own, TokenPrimary},
-        {&F::AttachAtlAccessTokenToImpersonationTokenFromProcessId, GetCurrentProcessId(), own, TokenImpersonation},
-        {&F::AttachAtlAccessTokenToPrimaryTokenFromProcessId, child.Pid(), restricted, TokenPrimary},
-        {&F::AttachAtlAccessTokenToImpersonationTokenFromProcessId, child.Pid(), restricted, TokenImpersonation},
-        {&F::AttachAtlAccessTokenToTokenFromThreadId, impersonating.Id(), restricted, TokenImpersonation},
-    };
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(c.id);
         ATL::CAccessToken token;
-        ASSERT_TRUE(c.attach(token, c.id));
-        EXPECT_EQ(QXTest::DescribeToken(token.GetHandle()), QXTest::DescribeToken(c.expected));
-        EXPECT_EQ(TypeOf(token.GetHandle()), c.type);
-
-        // A token object that holds a handle is refused and keeps it.
+        ASSERT_TRUE(attach(token, id)) << id;
+        EXPECT_EQ(DescribeToken(token.GetHandle()), DescribeToken(expected));
+        EXPECT_EQ(TypeOf(token.GetHandle()), type);
         QXTest::LogCapture log;
         const HANDLE held = token.GetHandle();
-        EXPECT_FALSE(c.attach(token, c.id));
+        EXPECT_FALSE(attach(token, id));
         EXPECT_EQ(token.GetHandle(), held);
         EXPECT_EQ(log.Count(), 1u);
         EXPECT_TRUE(log.HasFragment(L"Supplied Access Token was already attached to a handle.\n")) << log.Dump();
     }
-}
-
-TEST(TokenAttach, FailuresAreLoggedWithTheSystemError)
-{
-    ImpersonatingThread plain(nullptr);
     QXTest::LogCapture log;
-    ATL::CAccessToken token;
-    // The error survives the logging, for the caller to read.
-    struct
+    const std::tuple<Attach, DWORD, DWORD> failures[] = {{Primary, 0, ERROR_INVALID_PARAMETER},
+                                                         {Impersonation, 0, ERROR_INVALID_PARAMETER},
+                                                         {Thread, 0, ERROR_INVALID_PARAMETER},
+                                                         {Thread, plain.id, ERROR_NO_TOKEN}};
+    for (const auto& [attach, id, error] : failures)
     {
-        BOOL (*attach)(ATL::CAccessToken&, DWORD);
-        DWORD id;
-        DWORD error;
-    } cases[] = {
-        {&F::AttachAtlAccessTokenToPrimaryTokenFromProcessId, 0, ERROR_INVALID_PARAMETER},
-        {&F::AttachAtlAccessTokenToImpersonationTokenFromProcessId, 0, ERROR_INVALID_PARAMETER},
-        {&F::AttachAtlAccessTokenToTokenFromThreadId, 0, ERROR_INVALID_PARAMETER},
-        {&F::AttachAtlAccessTokenToTokenFromThreadId, plain.Id(), ERROR_NO_TOKEN},
-    };
-    for (const auto& c : cases)
-    {
+        ATL::CAccessToken token;
         SetLastError(0);
-        EXPECT_FALSE(c.attach(token, c.id));
-        EXPECT_EQ(GetLastError(), c.error) << c.id;
+        EXPECT_FALSE(attach(token, id));
+        EXPECT_EQ(GetLastError(), error) << id;
+        EXPECT_EQ(token.GetHandle(), nullptr);
     }
-    EXPECT_EQ(token.GetHandle(), nullptr);
-    const std::string attach(Attach);
-    EXPECT_LOG(log, 1, attach + "PrimaryTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
-    EXPECT_LOG(log, 1, attach + "ImpersonationTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
-    EXPECT_LOG(log, 1, attach + "TokenFromThreadId", L"OpenThread(0) failed (Error 87).\n");
-    EXPECT_LOG(log, 1, attach + "TokenFromThreadId", L"The thread does not have a token to open.\n");
-}
+    const std::string fn = "QXCommonFunctions::AttachAtlAccessTokenTo";
+    EXPECT_LOGGED(log, 1, fn + "PrimaryTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
+    EXPECT_LOGGED(log, 1, fn + "ImpersonationTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
+    EXPECT_LOGGED(log, 1, fn + "TokenFromThreadId", L"OpenThread(0) failed (Error 87).\n");
+    EXPECT_LOGGED(log, 1, fn + "TokenFromThreadId", L"The thread does not have a token to open.\n");
 
-// The identity a thread acts with, always as a primary token.
-TEST(TokenAttach, PrimaryTokenFromProcessOrThread)
-{
-    ATL::CHandle restricted = QXTest::AdminDenyOnlyToken();
-    ImpersonatingThread impersonating(restricted);
-    ImpersonatingThread plain(nullptr);
-    ASSERT_TRUE(impersonating.Impersonating());
-    ATL::CHandle own = ProcessToken();
+    // The identity a thread acts with, always as a primary token.
     const DWORD self = GetCurrentProcessId();
-    for (const auto& [tid, expected] : {std::pair{impersonating.Id(), restricted.m_h}, {plain.Id(), own.m_h}})
+    for (const auto& [tid, expected] : {std::pair{impersonating.id, restricted.m_h}, {plain.id, own.m_h}})
     {
         ATL::CAccessToken token;
         ASSERT_TRUE(F::ObtainPrimaryTokenFromProcessOrThread(self, tid, token));
         EXPECT_EQ(TypeOf(token.GetHandle()), TokenPrimary);
-        EXPECT_EQ(QXTest::DescribeToken(token.GetHandle()), QXTest::DescribeToken(expected));
+        EXPECT_EQ(DescribeToken(token.GetHandle()), DescribeToken(expected));
     }
-
-    QXTest::LogCapture log;
-    ATL::CAccessToken token;
-    for (const auto& [pid, tid] : {std::pair{DWORD(0), plain.Id()}, {self, DWORD(0)}})
+    for (const auto& [pid, tid] : {std::pair{DWORD(0), plain.id}, {self, DWORD(0)}})
     {
+        ATL::CAccessToken token;
         SetLastError(0);
         EXPECT_FALSE(F::ObtainPrimaryTokenFromProcessOrThread(pid, tid, token));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
     }
-    const char* function = "QXCommonFunctions::ObtainPrimaryTokenFromProcessOrThread";
-    EXPECT_LOG(log, 1, function, L"OpenProcess(0) failed (Error 87).\n");
-    EXPECT_LOG(log, 1, function, L"OpenThread(0) failed (Error 87).\n");
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::ObtainPrimaryTokenFromProcessOrThread", L"OpenProcess(0) failed (Error 87).\n");
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::ObtainPrimaryTokenFromProcessOrThread", L"OpenThread(0) failed (Error 87).\n");
 }
 
-// HasAdminSid counts the Administrators group whatever its attributes and
-// works on primary tokens; TokenHasMembership is the system's rule and needs
-// an impersonation token.
+// HasAdminSid counts the Administrators group whatever its attributes, on a
+// borrowed handle; TokenHasMembership is the system's rule on an
+// impersonation token; a disabled group counts only attribute-blind.
 TEST(TokenMembership, AttributeBlindAgainstTheSystemRule)
 {
-    ATL::CHandle own = ProcessToken();
-    ATL::CHandle denyOnly = QXTest::AdminDenyOnlyToken();
-    ASSERT_NE(denyOnly, nullptr);
+    ATL::CHandle own = ProcessToken(), denyOnly = QXTest::AdminDenyOnlyToken();
     const QXCommon::QXAccessTokenMembership membership;
-    struct
-    {
-        HANDLE primary;
-        bool admin;
-    } cases[] = {{own, true}, {denyOnly, false}};
-    for (const auto& c : cases)
+    for (const auto& [primary, admin] : {std::pair{own.m_h, true}, {denyOnly.m_h, false}})
     {
         QXTest::LogCapture log;
-        EXPECT_TRUE(membership.HasAdminSid(c.primary));
-        EXPECT_LOG(log, 4, "QXCommon::QXAccessTokenMembership::HasAdminSid",
-                   L"Local token has Administrators group Sid [True].\n");
+        EXPECT_TRUE(membership.HasAdminSid(primary));
+        EXPECT_LOGGED(log, 4, "QXCommon::QXAccessTokenMembership::HasAdminSid", L"Local token has Administrators group Sid [True].\n");
         ATL::CAccessToken query;
-        query.Attach(QXTest::ImpersonationCopy(c.primary).Detach());
-        EXPECT_EQ(F::TokenHasMembership(query, L"S-1-5-32-544"), c.admin);
-        EXPECT_TRUE(F::TokenHasMembership(query, L"S-1-1-0"));
-        EXPECT_FALSE(F::TokenHasMembership(query, L"S-1-5-32-546"));
+        query.Attach(QXTest::ImpersonationCopy(primary).Detach());
+        EXPECT_EQ(F::TokenHasMembership(query, L"S-1-5-32-544"), admin);
+        EXPECT_TRUE(F::TokenHasMembership(query, L"S-1-1-0") && !F::TokenHasMembership(query, L"S-1-5-32-546"));
         EXPECT_TRUE(membership.HasAdminSid(query.GetHandle()));
     }
-    // The caller's handle is only borrowed.
-    EXPECT_NE(QXTest::DescribeToken(own).find(L"S-1-5-32-544"), std::wstring::npos);
+    EXPECT_NE(DescribeToken(own).find(L"S-1-5-32-544"), std::wstring::npos); // the handle was only borrowed
 
     QXTest::LogCapture log;
     EXPECT_FALSE(membership.HasAdminSid(nullptr));
-    EXPECT_LOG(log, 1, "QXCommon::QXAccessTokenMembership::HasAdminSid", L"Error - hToken is NULL.\n");
+    EXPECT_LOGGED(log, 1, "QXCommon::QXAccessTokenMembership::HasAdminSid", L"Error - hToken is NULL.\n");
     ATL::CAccessToken primary;
     primary.Attach(ProcessToken().Detach());
-    EXPECT_FALSE(F::TokenHasMembership(primary, L"S-1-5-32-544"));
-    EXPECT_LOG(log, 1, "QXCommonFunctions::TokenHasMembership",
-               L"Failed to CheckTokenMembership for SID [S-1-5-32-544]. Error [1309].\n");
-    EXPECT_FALSE(F::TokenHasMembership(primary, L"S-1-5-32-5x"));
-    EXPECT_LOG(log, 1, "QXCommonFunctions::TokenHasMembership", L"Failed to Convert SID [S-1-5-32-5x]. Error [1337].\n");
+    EXPECT_FALSE(F::TokenHasMembership(primary, L"S-1-5-32-544") || F::TokenHasMembership(primary, L"S-1-5-32-5x"));
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::TokenHasMembership", L"Failed to CheckTokenMembership for SID [S-1-5-32-544]. Error [1309].\n");
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::TokenHasMembership", L"Failed to Convert SID [S-1-5-32-5x]. Error [1337].\n");
+    EXPECT_FALSE(F::IsProcessURMed(GetCurrentProcessId()) || F::IsProcessURMed(0));
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::IsProcessURMed", L"Failed AttachAtlAccessTokenToPrimaryTokenFromProcessId [0]. Error [87]\n");
 }
 
 TEST(TokenMembership, DisabledGroupCountsOnlyAttributeBlind)
@@ -166,67 +175,56 @@ TEST(TokenMembership, DisabledGroupCountsOnlyAttributeBlind)
     TOKEN_GROUPS change = {1, {{const_cast<SID*>(admins.GetPSID()), 0}}};
     SetLastError(ERROR_SUCCESS);
     if (!AdjustTokenGroups(copy, FALSE, &change, 0, nullptr, nullptr) || GetLastError() != ERROR_SUCCESS)
-        GTEST_SKIP() << "AdjustTokenGroups cannot disable a group here (error " << GetLastError()
-                     << "): a disabled group is not shown";
-    ATL::CAccessToken query;
-    query.Attach(copy.Detach());
-    EXPECT_FALSE(F::TokenHasMembership(query, L"S-1-5-32-544"));
-    EXPECT_TRUE(QXCommon::QXAccessTokenMembership().HasAdminSid(query.GetHandle()));
+        GTEST_SKIP() << "AdjustTokenGroups cannot disable a group here (error " << GetLastError() << "): a disabled group is not shown";
+    ATL::CAccessToken disabled;
+    disabled.Attach(copy.Detach());
+    EXPECT_FALSE(F::TokenHasMembership(disabled, L"S-1-5-32-544"));
+    EXPECT_TRUE(QXCommon::QXAccessTokenMembership().HasAdminSid(disabled.GetHandle()));
 }
 
-TEST(TokenMembership, UserRightsManagedProcess)
-{
-    QXTest::LogCapture log;
-    EXPECT_FALSE(F::IsProcessURMed(GetCurrentProcessId()));
-    EXPECT_TRUE(log.Entries().empty()) << log.Dump();
-    EXPECT_FALSE(F::IsProcessURMed(0));
-    EXPECT_LOG(log, 1, "QXCommonFunctions::IsProcessURMed",
-               L"Failed AttachAtlAccessTokenToPrimaryTokenFromProcessId [0]. Error [87]\n");
-}
-
-// Both halves of the split administrator token, as the platform reports them.
-TEST(TokenElevation, AnswersFollowThePlatformsElevation)
+// Both halves of a split administrator token as the platform reports them,
+// the run level the system gives a program, and SIDs from their text.
+TEST(TokenElevation, AnswersFollowThePlatform)
 {
     ATL::CHandle own = ProcessToken();
     TOKEN_LINKED_TOKEN linked = {};
     DWORD size = 0;
-    ATL::CHandle other(GetTokenInformation(own, TokenLinkedToken, &linked, sizeof linked, &size) ? linked.LinkedToken
-                                                                                                 : nullptr);
-    bool sawDefault = false; // a standard user, or an administrator without UAC
+    ATL::CHandle other(GetTokenInformation(own, TokenLinkedToken, &linked, sizeof linked, &size) ? linked.LinkedToken : nullptr);
     for (HANDLE token : {own.m_h, other.m_h})
     {
-        if (token == nullptr)
-            continue;
         TOKEN_ELEVATION_TYPE type = TokenElevationTypeDefault;
         TOKEN_ELEVATION elevation = {};
-        ASSERT_TRUE(GetTokenInformation(token, TokenElevationType, &type, sizeof type, &size));
-        ASSERT_TRUE(GetTokenInformation(token, TokenElevation, &elevation, sizeof elevation, &size));
-        sawDefault |= type == TokenElevationTypeDefault;
+        if (token == nullptr || !GetTokenInformation(token, TokenElevationType, &type, sizeof type, &size) ||
+            !GetTokenInformation(token, TokenElevation, &elevation, sizeof elevation, &size))
+            continue;
         QXTest::LogCapture log;
         EXPECT_EQ(F::IsTokenElevated(token), elevation.TokenIsElevated != 0);
-        EXPECT_LOG(log, 4, "QXCommonFunctions::IsTokenElevated",
-                   L"TokenIsElevated [" + std::to_wstring(elevation.TokenIsElevated) + L"].\n");
-        EXPECT_EQ(F::IsRestrictedOrFullAdmin(token), type == TokenElevationTypeFull || type == TokenElevationTypeLimited)
-            << type;
+        EXPECT_LOGGED(log, 4, "QXCommonFunctions::IsTokenElevated", L"TokenIsElevated [" + std::to_wstring(elevation.TokenIsElevated) + L"].\n");
+        EXPECT_EQ(F::IsRestrictedOrFullAdmin(token), type == TokenElevationTypeFull || type == TokenElevationTypeLimited) << type;
     }
-
     QXTest::LogCapture log;
-    EXPECT_FALSE(F::IsTokenElevated(nullptr));
-    EXPECT_FALSE(F::IsRestrictedOrFullAdmin(nullptr));
-    EXPECT_LOG(log, 1, "QXCommonFunctions::IsTokenElevated",
-               L"Failed to obtain Token Information. Assuming NOT Elevated. Error [6].\n");
-    EXPECT_LOG(log, 1, "QXCommonFunctions::IsRestrictedOrFullAdmin", L"Failed to GetTokenInformation. Error: 6");
-    if (!sawDefault)
-        GTEST_SKIP() << "no token of elevation type Default here (the process token is Full"
-                     << (other != nullptr ? ", its linked token Limited" : "")
-                     << "): false for a standard user is not shown";
+    EXPECT_FALSE(F::IsTokenElevated(nullptr) || F::IsRestrictedOrFullAdmin(nullptr));
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::IsTokenElevated", L"Failed to obtain Token Information. Assuming NOT Elevated. Error [6].\n");
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::IsRestrictedOrFullAdmin", L"Failed to GetTokenInformation. Error: 6");
+
+    for (const wchar_t* text : {L"S-1-5-32-544", L"S-1-5-21-612037418-213544074-8-1-0-0"})
+    {
+        ATL::CSid sid;
+        EXPECT_TRUE(F::ConvertStringSidToATLSidW(text, sid));
+        EXPECT_STREQ(sid.Sid(), text);
+    }
+    for (const wchar_t* bad : {L"", L"S-1", static_cast<const wchar_t*>(nullptr)})
+    {
+        ATL::CSid sid;
+        EXPECT_FALSE(F::ConvertStringSidToATLSidW(bad, sid) || sid.IsValid());
+    }
+    EXPECT_LOGGED(log, 1, "QXCommonFunctions::ConvertStringSidToATLSidW", L"Failed to Convert SID [(null)]. Error [87].\n");
 }
 
 TEST(TokenElevation, CheckElevationPassesTheSystemsRunLevel)
 {
     using Routine = DWORD(WINAPI*)(LPCWSTR, PDWORD, HANDLE, PDWORD, PDWORD);
-    auto routine = reinterpret_cast<Routine>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "CheckElevation")));
+    auto routine = reinterpret_cast<Routine>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "CheckElevation")));
     const std::wstring path = QXTest::HelperPath(L"qxtoken_child.exe");
     DWORD expected = 0, flags = 0, reason = 0;
     if (routine != nullptr)
@@ -237,21 +235,469 @@ TEST(TokenElevation, CheckElevationPassesTheSystemsRunLevel)
         GTEST_SKIP() << "kernel32 has no CheckElevation here: only the answer 0 is shown";
 }
 
-TEST(TokenSids, TextFormsBecomeSids)
+// What the thread impersonates is captured in a form that can be put back;
+// an anonymous-level token cannot be, and a guard made then ends with the
+// thread impersonating nothing.
+TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
 {
-    for (const wchar_t* text : {L"S-1-5-32-544", L"S-1-5-21-612037418-213544074-8-1-0-0", L"S-1-1-0"})
-    {
-        ATL::CSid sid;
-        EXPECT_TRUE(F::ConvertStringSidToATLSidW(text, sid));
-        EXPECT_STREQ(sid.Sid(), text);
-    }
+    QXTest::RevertAtExit revert;
+    ATL::CHandle a = QXTest::AdminDenyOnlyToken(), own = ProcessToken();
+    QXCommon::CQxAccessToken token;
+    EXPECT_TRUE(token.GetCurrentTokenForImpersonation());
+    EXPECT_EQ(token.GetHandle(), nullptr);
+    ASSERT_TRUE(ImpersonateLoggedOnUser(a));
+    EXPECT_TRUE(token.GetCurrentTokenForImpersonation());
+    EXPECT_EQ(TypeOf(token.GetHandle()), TokenImpersonation);
+    RevertToSelf();
+    EXPECT_TRUE(token.ImpersonateLoggedOnUser());
+    EXPECT_EQ(DescribeImpersonation(), DescribeToken(a));
+
+    HANDLE anonymous = nullptr;
+    ASSERT_TRUE(DuplicateTokenEx(own, TOKEN_ALL_ACCESS, nullptr, SecurityAnonymous, TokenImpersonation, &anonymous));
+    ATL::CHandle owner(anonymous);
+    ASSERT_TRUE(SetThreadToken(nullptr, anonymous));
     QXTest::LogCapture log;
-    for (const wchar_t* bad : {L"", L"S-1", L"nonsense", static_cast<const wchar_t*>(nullptr)})
+    QXCommon::CQxAccessToken none;
+    EXPECT_FALSE(none.GetCurrentTokenForImpersonation());
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CANT_OPEN_ANONYMOUS));
+    EXPECT_EQ(none.GetHandle(), nullptr);
+    const char* function = "QXCommon::CQxAccessToken::GetCurrentTokenForImpersonation";
+    EXPECT_LOGGED(log, 1, function, L"Error Failed to GetThreadToken Error[1347]. Trying as self...\n");
+    EXPECT_LOGGED(log, 1, function, L"Failed to GetThreadToken() as the current process. Error: 1347\n");
+    QXCommon::CImpersonationSaver{};
+    EXPECT_EQ(DescribeImpersonation(), L"nothing");
+}
+
+// The owner's reports, and whether the guard then reverts to what the thread
+// impersonated before (nothing, or another identity). Under a single user
+// only the groups' attributes tell identities apart.
+TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappened)
+{
+    QXTest::RevertAtExit revert;
+    ATL::CHandle a = QXTest::AdminDenyOnlyToken(), b = QXTest::RestrictedProcessToken({L"S-1-5-32-545"});
+    const char* const saver = "QXCommon::CImpersonationSaver::~CImpersonationSaver";
+    const std::pair<std::vector<int>, bool> cases[] = {{{}, true},      {{1}, true},     {{2}, false},     {{0}, false},
+                                                       {{0, 2}, true}, {{1, 0}, true}, {{0, 0}, false}};
+    for (HANDLE before : {static_cast<HANDLE>(nullptr), a.m_h})
+        for (const auto& [reports, reverts] : cases)
+        {
+            SCOPED_TRACE(testing::PrintToString(reports) + (before ? " while impersonating" : ""));
+            RevertToSelf();
+            ASSERT_TRUE(before == nullptr || ImpersonateLoggedOnUser(before));
+            const std::wstring previous = DescribeImpersonation();
+            QXTest::LogCapture log;
+            {
+                QXCommon::CImpersonationSaver guard;
+                ASSERT_TRUE(ImpersonateLoggedOnUser(b));
+                for (int report : reports)
+                    guard.SetImpersonationOccurred(report);
+            }
+            EXPECT_EQ(DescribeImpersonation(), reverts ? previous : DescribeToken(b));
+            EXPECT_EQ(log.Has(4, saver, L"Not reverting as no impersonation occurred.\n"), !reverts) << log.Dump();
+            EXPECT_EQ(log.Has(4, saver, L"Reveting back to saved impersonation state\n"), reverts && before != nullptr);
+            EXPECT_EQ(log.HasFragment(L"Succeeded to revert with ImpersonateLoggedOnUser. Error["), reverts && before != nullptr);
+        }
+
+    // Nested guards, left by an exception through one or both, and guards in
+    // sequence: each gets back what it had.
+    const std::wstring identityA = DescribeToken(a);
+    for (int throwAt : {0, 1, 2})
     {
-        ATL::CSid sid;
-        EXPECT_FALSE(F::ConvertStringSidToATLSidW(bad, sid));
-        EXPECT_FALSE(sid.IsValid());
+        RevertToSelf();
+        try
+        {
+            QXCommon::CImpersonationSaver outer;
+            ASSERT_TRUE(ImpersonateLoggedOnUser(a));
+            try
+            {
+                QXCommon::CImpersonationSaver inner;
+                ASSERT_TRUE(ImpersonateLoggedOnUser(b));
+                inner.SetImpersonationOccurred(TRUE);
+                if (throwAt == 1)
+                    throw std::runtime_error("inner");
+                if (throwAt == 2)
+                    throw 2;
+            }
+            catch (const std::runtime_error&)
+            {
+            }
+            EXPECT_EQ(DescribeImpersonation(), identityA) << throwAt;
+        }
+        catch (int)
+        {
+        }
+        EXPECT_EQ(DescribeImpersonation(), L"nothing") << throwAt;
     }
-    EXPECT_LOG(log, 1, "QXCommonFunctions::ConvertStringSidToATLSidW", L"Failed to Convert SID [(null)]. Error [87].\n");
+    ASSERT_TRUE(ImpersonateLoggedOnUser(a));
+    for (HANDLE inside : {b.m_h, a.m_h, b.m_h})
+    {
+        QXCommon::CImpersonationSaver guard;
+        ASSERT_TRUE(ImpersonateLoggedOnUser(inside));
+    }
+    EXPECT_EQ(DescribeImpersonation(), identityA);
+}
+
+namespace
+{
+// The privilege's attributes in the process's token; 0xFFFFFFFF when absent.
+DWORD PrivilegeState(HANDLE process, const wchar_t* name)
+{
+    HANDLE tokenHandle = nullptr;
+    LUID luid = {};
+    if (!OpenProcessToken(process, TOKEN_QUERY, &tokenHandle) || !LookupPrivilegeValueW(nullptr, name, &luid))
+        return 0xFFFFFFFF;
+    ATL::CHandle token(tokenHandle);
+    DWORD length = 0;
+    std::unique_ptr<BYTE[]> info(LsaUtil::GetTokenInformation(token, TokenPrivileges, &length));
+    const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(info.get());
+    for (DWORD i = 0; privileges != nullptr && i < privileges->PrivilegeCount; ++i)
+        if (privileges->Privileges[i].Luid.LowPart == luid.LowPart && privileges->Privileges[i].Luid.HighPart == luid.HighPart)
+            return privileges->Privileges[i].Attributes & SE_PRIVILEGE_ENABLED;
+    return 0xFFFFFFFF;
 }
 } // namespace
+
+// A held privilege is turned on and off; one the token lacks (here, and in a
+// child whose token had it removed), an unknown name and a bad process fail
+// with the system's error.
+TEST(LsaPrivilege, EnableHeldMissingAndUnknown)
+{
+    const wchar_t* name = L"SeShutdownPrivilege";
+    const DWORD self = GetCurrentProcessId(), before = PrivilegeState(GetCurrentProcess(), name);
+    ASSERT_NE(before, 0xFFFFFFFF) << "the token holds no shutdown privilege";
+    for (BOOL enable : {TRUE, FALSE, TRUE})
+    {
+        EXPECT_TRUE(LsaUtil::EnablePrivilege(self, name, enable));
+        EXPECT_EQ(PrivilegeState(GetCurrentProcess(), name), enable ? DWORD(SE_PRIVILEGE_ENABLED) : 0u);
+    }
+    EXPECT_TRUE(LsaUtil::EnablePrivilege(self, name, before != 0));
+
+    QXTest::ChildProcess child(QXTest::RestrictedProcessToken({}, {L"SeDebugPrivilege"}));
+    ASSERT_TRUE(child.Ready());
+    ASSERT_EQ(PrivilegeState(child.Process(), L"SeDebugPrivilege"), 0xFFFFFFFF);
+    QXTest::LogCapture log;
+    const std::tuple<DWORD, const wchar_t*, DWORD> cases[] = {
+        {child.Pid(), L"SeDebugPrivilege", ERROR_NOT_ALL_ASSIGNED}, {self, L"SeCreateTokenPrivilege", ERROR_NOT_ALL_ASSIGNED},
+        {self, L"SeNoSuchPrivilege", ERROR_NO_SUCH_PRIVILEGE},      {self, nullptr, ERROR_INVALID_PARAMETER},
+        {0, name, ERROR_INVALID_PARAMETER}};
+    for (const auto& [pid, privilege, error] : cases)
+    {
+        EXPECT_FALSE(LsaUtil::EnablePrivilege(pid, privilege, TRUE));
+        EXPECT_EQ(GetLastError(), error) << pid;
+    }
+    EXPECT_LOGGED(log, 1, "LsaUtil::LookupPrivilegeValueCache", L"Failed to find privilege [SeNoSuchPrivilege] in system. Error code [1313]\n");
+}
+
+// Every privilege name, asked by many threads at once, with the cache empty
+// and filled, gives what the system gives.
+TEST(LsaPrivilege, CachedLookupAgreesWithTheSystemFromManyThreads)
+{
+    const std::vector<std::wstring> names = {L"SeNoSuchPrivilege",   L"SeShutdownPrivilege",  L"SeDebugPrivilege",
+                                             L"SeChangeNotifyPrivilege", L"SeCreateTokenPrivilege", L"SeBackupPrivilege",
+                                             L"SeRestorePrivilege",  L"SeTcbPrivilege",       L"SeImpersonatePrivilege",
+                                             L"SeTakeOwnershipPrivilege", L"SeSecurityPrivilege", L"SeLoadDriverPrivilege"};
+    std::atomic<int> disagreements{0};
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            for (size_t i = 0; i < 50 * names.size(); ++i)
+            {
+                const std::wstring& name = names[(i + t * 7) % names.size()];
+                LUID cached = {0xFFFF, 0}, system = {0xEEEE, 0};
+                const BOOL found = LsaUtil::LookupPrivilegeValueCache(name.c_str(), cached);
+                if (found != LookupPrivilegeValueW(nullptr, name.c_str(), &system) ||
+                    (found && (cached.LowPart != system.LowPart || cached.HighPart != system.HighPart)))
+                    ++disagreements;
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(disagreements, 0);
+}
+
+// Token information, account SIDs (heap blocks), the Administrators group in
+// one block with its SID, and LSA strings up to their limit.
+TEST(LsaUtil, TokenInformationAccountsGroupsAndStrings)
+{
+    DWORD length = 0;
+    std::unique_ptr<BYTE[]> user(LsaUtil::GetTokenInformation(ProcessToken(), TokenUser, &length));
+    ASSERT_NE(user, nullptr);
+    EXPECT_GE(length, sizeof(TOKEN_USER));
+    EXPECT_EQ(LsaUtil::GetTokenInformation(nullptr, TokenUser, &length), nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    wchar_t name[256];
+    DWORD size = 256;
+    ASSERT_TRUE(GetUserNameW(name, &size));
+    QXTest::LogCapture log;
+    for (const auto& [account, sid] : {std::pair<const wchar_t*, std::wstring>{name, QXTest::SidText(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid)},
+                                      {L"Administrators", L"S-1-5-32-544"}, {L"qx-no-such-account-4711", L""}, {nullptr, L""}})
+    {
+        PSID found = LsaUtil::GetUserAccountSid(account);
+        EXPECT_EQ(QXTest::SidText(found), sid);
+        EXPECT_TRUE(found == nullptr || HeapFree(GetProcessHeap(), 0, found));
+    }
+    EXPECT_LOGGED(log, 1, "LsaUtil::GetUserAccountSid", L"Failed to LookupAccountName [qx-no-such-account-4711]. Error [1332]\n");
+
+    TOKEN_GROUPS* admins = LsaUtil::GetAdminGroup();
+    ASSERT_NE(admins, nullptr);
+    EXPECT_EQ(admins->GroupCount, 1u);
+    EXPECT_EQ(QXTest::SidText(admins->Groups[0].Sid), L"S-1-5-32-544");
+    EXPECT_EQ(admins->Groups[0].Attributes, 7u);
+    const BYTE *block = reinterpret_cast<const BYTE*>(admins), *sid = static_cast<const BYTE*>(admins->Groups[0].Sid);
+    EXPECT_TRUE(sid >= block + sizeof(TOKEN_GROUPS) && sid + GetLengthSid(admins->Groups[0].Sid) <= block + HeapSize(GetProcessHeap(), 0, admins));
+    EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, admins));
+
+    LSA_STRING text = {};
+    EXPECT_TRUE(LsaUtil::InitializeLsaString(&text, "SeTcbPrivilege"));
+    EXPECT_EQ(std::string(text.Buffer) + std::to_string(text.Length) + "/" + std::to_string(text.MaximumLength), "SeTcbPrivilege14/15");
+    EXPECT_TRUE(LsaUtil::InitializeLsaString(&text, nullptr));
+    EXPECT_TRUE(text.Length + text.MaximumLength == 0 && text.Buffer == nullptr);
+    const std::string longest(0xFFFE, 'x'), tooLong(0xFFFF, 'x');
+    EXPECT_TRUE(LsaUtil::InitializeLsaString(&text, longest.c_str()));
+    EXPECT_EQ(text.MaximumLength, 0xFFFF);
+    EXPECT_FALSE(LsaUtil::InitializeLsaString(&text, tooLong.c_str()) || LsaUtil::InitializeLsaString(nullptr, "x"));
+}
+
+namespace
+{
+const char* const Identity = "QXCommon::CProcessIDAndCreateTime::";
+
+// The key as it must read, from the system's own creation time.
+std::wstring ExpectedKey(DWORD pid, HANDLE process)
+{
+    FILETIME created, exited, kernel, user;
+    if (!GetProcessTimes(process, &created, &exited, &kernel, &user))
+        return L"<no times>";
+    return std::to_wstring(pid) + L"-" + std::to_wstring(created.dwHighDateTime) + L"-" + std::to_wstring(created.dwLowDateTime);
+}
+
+// Lends a handle of its own when given one; makes the handle slots public.
+struct LendingIdentity : CProcessIDAndCreateTime
+{
+    HANDLE lent = nullptr;
+    DWORD GetProcessHandle(HANDLE& process) override
+    {
+        return lent == nullptr ? CProcessIDAndCreateTime::GetProcessHandle(process) : (process = lent, 0);
+    }
+    DWORD ReleaseProcessHandle(HANDLE& process) override
+    {
+        return lent == nullptr ? CProcessIDAndCreateTime::ReleaseProcessHandle(process) : 0;
+    }
+};
+
+// Ends the child and waits (30 s at most) until its id names no process.
+DWORD EndAndWaitUntilGone(QXTest::ChildProcess& child)
+{
+    const DWORD pid = child.Pid();
+    child.Forget();
+    for (int i = 0; i < 3000 && ATL::CHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid)) != nullptr; ++i)
+        Sleep(10);
+    return pid;
+}
+
+// Makes a freed id the next one the system hands out. Wine reuses freed ids
+// first in, first out, and a thread that ends here puts its id back at the
+// end of that queue: threads are made and ended until one receives the id,
+// then until one receives the id freed just before it. False when the id
+// does not come round.
+bool QueueIdNext(DWORD id)
+{
+    DWORD wanted = id, previous = 0;
+    for (int round = 0; round < 2; ++round)
+    {
+        bool found = false;
+        for (int i = 0; i < 20000 && !found; ++i)
+        {
+            DWORD got = 0;
+            ATL::CHandle thread(CreateThread(nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, &got));
+            WaitForSingleObject(thread, INFINITE);
+            found = got == wanted;
+            previous = found ? previous : got;
+        }
+        if (!found || previous == 0)
+            return false;
+        wanted = previous;
+    }
+    return true;
+}
+} // namespace
+
+// Two objects for one live child agree with the system's creation time and
+// with copies, which keep the key after the process ends.
+TEST(ProcessIdentity, KeysOfLiveProcessesMatchTheSystemsCreationTime)
+{
+    QXTest::ChildProcess child;
+    ASSERT_TRUE(child.Ready());
+    CProcessIDAndCreateTime first, second, own;
+    QXTest::LogCapture log;
+    ASSERT_EQ(first.Initialise(child.Pid()) + second.Initialise(child.Pid()) + own.Initialise(), 0u);
+    const std::wstring key = ExpectedKey(child.Pid(), child.Process());
+    EXPECT_EQ(first.GetProcessIDAndCreateTime() + second.GetProcessIDAndCreateTime(), key + key);
+    EXPECT_EQ(own.GetProcessIDAndCreateTime(), ExpectedKey(GetCurrentProcessId(), GetCurrentProcess()));
+    EXPECT_LOGGED(log, 4, std::string(Identity) + "Initialise", L"Process ID and create time string created: [" + key + L"]\n");
+    std::wstring keyOut;
+    DWORD pid = 0;
+    FILETIME created = {}, expected, unused;
+    GetProcessTimes(child.Process(), &expected, &unused, &unused, &unused);
+    EXPECT_EQ(first.GetProcessIDAndCreateTime(keyOut) + first.GetProcessID(pid) + first.GetProcessStartTime(created), 0u);
+    EXPECT_EQ(keyOut + L"/" + std::to_wstring(pid), key + L"/" + std::to_wstring(child.Pid()));
+    EXPECT_EQ(CompareFileTime(&created, &expected), 0);
+    CProcessIDAndCreateTime copy(first), assigned;
+    assigned = second;
+    child.Finish();
+    EXPECT_TRUE(copy.IsValid() && assigned.IsValid());
+    EXPECT_EQ(copy.GetProcessIDAndCreateTime() + assigned.GetProcessIDAndCreateTime(), key + key);
+    EXPECT_EQ(first.Clear(), 0u);
+    EXPECT_FALSE(first.IsValid());
+    EXPECT_EQ(first.GetProcessIDAndCreateTime() + std::to_wstring(first.GetProcessID()), L"0");
+}
+
+// An id that names no process (never, or no longer): the open's error, an
+// object left empty, and accessors that refuse with 13 and touch nothing.
+TEST(ProcessIdentity, IdsThatCannotBeOpened)
+{
+    QXTest::ChildProcess ended;
+    ASSERT_TRUE(ended.Ready());
+    const DWORD endedPid = EndAndWaitUntilGone(ended);
+    for (DWORD pid : {DWORD(0), DWORD(0xFFFFFFF0), endedPid})
+    {
+        CProcessIDAndCreateTime identity;
+        ASSERT_EQ(identity.Initialise(GetCurrentProcessId()), 0u);
+        QXTest::LogCapture log;
+        EXPECT_EQ(identity.Initialise(pid), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << pid;
+        EXPECT_LOGGED(log, 1, std::string(Identity) + "InitProcessHandle", L"Open process failed. Error [87]\n");
+        EXPECT_FALSE(identity.IsValid());
+        std::wstring key = L"untouched";
+        DWORD id = 7;
+        FILETIME time = {1, 2};
+        EXPECT_EQ(identity.GetProcessIDAndCreateTime(key) + identity.GetProcessID(id) + identity.GetProcessStartTime(time), 39u);
+        EXPECT_EQ(identity.GetProcessIDAndCreateTime() + key + std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime), L"untouched10");
+        EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessIDAndCreateTime", L"Process and create time string is invalid.\n");
+        EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessID", L"Process ID is invalid\n");
+        EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessStartTime", L"Process start time is invalid.\n");
+    }
+}
+
+// The held handle is handed out twice, a foreign one is refused with 6, null
+// releases the held one, Clear closes it; a derived class lends a handle,
+// and one that is no process gives GetProcessTimes' own error.
+TEST(ProcessIdentity, LentHandleRules)
+{
+    LendingIdentity identity;
+    ASSERT_EQ(identity.Initialise(), 0u);
+    HANDLE process = nullptr, again = nullptr, none = nullptr;
+    ASSERT_EQ(identity.GetProcessHandle(process) + identity.GetProcessHandle(again), 0u);
+    EXPECT_EQ(process, again);
+    ATL::CHandle foreign(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    HANDLE other = foreign;
+    QXTest::LogCapture log;
+    EXPECT_EQ(identity.ReleaseProcessHandle(other), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_LOGGED(log, 1, std::string(Identity) + "ReleaseProcessHandle", L"Process handle invalid\n");
+    EXPECT_EQ(GetProcessId(process), GetCurrentProcessId()); // still held
+    EXPECT_EQ(identity.ReleaseProcessHandle(none) + identity.ReleaseProcessHandle(other), 0u);
+    EXPECT_EQ(identity.GetProcessHandle(again) + identity.ReleaseProcessHandle(again), 0u);
+    EXPECT_EQ(again, nullptr);
+    DWORD flags = 0;
+    ASSERT_EQ(identity.GetProcessHandle(process), 0u);
+    identity.Clear();
+    EXPECT_FALSE(GetHandleInformation(process, &flags));
+
+    QXTest::ChildProcess child;
+    ASSERT_TRUE(child.Ready());
+    identity.lent = child.Process();
+    EXPECT_EQ(identity.Initialise(child.Pid()), 0u);
+    EXPECT_EQ(identity.GetProcessIDAndCreateTime(), ExpectedKey(child.Pid(), child.Process()));
+    identity.lent = foreign;
+    EXPECT_EQ(identity.Initialise(child.Pid()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+    EXPECT_LOGGED(log, 1, std::string(Identity) + "Initialise", L"Get process times failed. error [6]\n");
+    EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty());
+}
+
+// A process ends and a later one receives its id: the keys differ, each
+// matching its own process's creation time.
+TEST(ProcessIdentity, ReusedIdGetsANewKey)
+{
+    for (int attempt = 0; attempt < 3; ++attempt)
+    {
+        QXTest::ChildProcess first;
+        ASSERT_TRUE(first.Ready());
+        CProcessIDAndCreateTime before;
+        ASSERT_EQ(before.Initialise(first.Pid()), 0u);
+        ASSERT_EQ(before.GetProcessIDAndCreateTime(), ExpectedKey(first.Pid(), first.Process()));
+        const DWORD pid = EndAndWaitUntilGone(first);
+        if (!QueueIdNext(pid))
+            continue;
+        QXTest::ChildProcess second;
+        ASSERT_TRUE(second.Ready());
+        if (second.Pid() != pid)
+            continue;
+        CProcessIDAndCreateTime after;
+        ASSERT_EQ(after.Initialise(pid), 0u);
+        EXPECT_EQ(after.GetProcessIDAndCreateTime(), ExpectedKey(pid, second.Process()));
+        EXPECT_NE(after.GetProcessIDAndCreateTime(), before.GetProcessIDAndCreateTime());
+        return;
+    }
+    GTEST_SKIP() << "no process id was reused within three attempts";
+}
+
+// Ten thousand calls of every function that opens handles, on its success
+// and failure paths in turn, leave this process's handles as they were and
+// no thread impersonating. Each function runs alone, after a first call: a
+// function that first contends for a lock with another thread may make the
+// lock's wait object then, which is no leak but would move the count.
+TEST(TokenLeaks, RepeatedCallsKeepTheHandleCount)
+{
+    QXTest::RevertAtExit revert;
+    ATL::CHandle restricted = QXTest::AdminDenyOnlyToken(), own = ProcessToken();
+    ImpersonatingThread impersonating(restricted), plain(nullptr);
+    const DWORD self = GetCurrentProcessId(), threads[] = {impersonating.id, plain.id}, processes[] = {self, 0};
+    const wchar_t* privileges[] = {L"SeChangeNotifyPrivilege", L"SeCreateTokenPrivilege"};
+    const std::pair<const char*, std::function<void(int)>> cases[] = {
+        {"AttachPrimary", [&](int i) { ATL::CAccessToken t; Primary(t, processes[i]); }},
+        {"AttachImpersonation", [&](int i) { ATL::CAccessToken t; Impersonation(t, processes[i]); }},
+        {"AttachThread", [&](int i) { ATL::CAccessToken t; Thread(t, threads[i]); }},
+        {"Obtain", [&](int i) { ATL::CAccessToken t; F::ObtainPrimaryTokenFromProcessOrThread(self, threads[i], t); }},
+        {"IsProcessURMed", [&](int i) { F::IsProcessURMed(processes[i]); }},
+        {"EnablePrivilege", [&](int i) { LsaUtil::EnablePrivilege(self, privileges[i], TRUE); }},
+        {"ProcessIdentity", [&](int i) { CProcessIDAndCreateTime().Initialise(processes[i]); }},
+        {"ImpersonationSaver", [&](int i) {
+             if (i == 0)
+                 ImpersonateLoggedOnUser(restricted);
+             QXCommon::CImpersonationSaver saver;
+             ImpersonateLoggedOnUser(own);
+         }},
+    };
+    for (const auto& [name, call] : cases)
+    {
+        call(0);
+        call(1);
+        const size_t before = QXTest::OpenHandleCount();
+        for (int i = 0; i < 10000; ++i)
+            call(i % 2);
+        RevertToSelf();
+        EXPECT_EQ(QXTest::OpenHandleCount(), before) << name;
+    }
+    EXPECT_EQ(DescribeImpersonation() + DescribeImpersonation(plain.handle), L"nothingnothing");
+}
+
+// qxinspect's token and process commands, run as the tool is run: a child
+// under a restricted token, and this process's own identity key.
+TEST(Inspect, TokenAndProcess)
+{
+    ATL::CHandle restricted = QXTest::AdminDenyOnlyToken();
+    QXTest::ChildProcess child(restricted);
+    ASSERT_TRUE(child.Ready());
+    auto expect = [](const std::wstring& arguments, DWORD exitCode, std::initializer_list<std::string> fragments) {
+        const auto run = QXTest::RunInspect(arguments);
+        EXPECT_EQ(run.exitCode, exitCode) << run.output;
+        for (const auto& fragment : fragments)
+            EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
+    };
+    expect(L"--json token --member S-1-5-32-544 --pid " + std::to_wstring(child.Pid()), 1,
+           {"\"systemRule\": false", "\"anyAttributes\": true", "\"hasAdminSid\": true", "\"flags\": \"mandatory,owner,deny-only\"",
+            "\"urmMember\": false", "\"name\": \"SeChangeNotifyPrivilege\""});
+    CProcessIDAndCreateTime identity;
+    ASSERT_EQ(identity.Initialise(child.Pid()), 0u);
+    expect(L"--json process 0 " + std::to_wstring(child.Pid()), 3,
+           {"\"key\": \"" + QXTest::Narrow(identity.GetProcessIDAndCreateTime()) + "\"", "\"result\": 87", "qxinspect: process 0: error 87"});
+}

@@ -31,6 +31,8 @@
 #include "SignatureAlgorithm.h"
 #include "SignatureAlgorithmStrategy.h"
 
+#include "ChangeFileOwner.h"
+
 #include "ImpersonationSaver.h"
 #include "LsaUtil.h"
 #include "ProcessIDAndCreateTime.h"
@@ -40,3 +42,5 @@
 #include "DigitalCertificate.h"
 #include "DigitalCertificateUI.h"
 #include "VerifySignedFile.h"
+#include "PipeImpersonateClient.h"
+#include "PipeImpersonateServer.h"

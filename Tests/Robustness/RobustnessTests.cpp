@@ -1,0 +1,536 @@
+// Hostile input, seeded and bounded: generated expressions, globs, paths,
+// environment tables and command lines, each checked against an invariant
+// the headers state, every call on a thread with the 256 KiB stack of a
+// hooked process; then the smallest inputs of known hostile cases. A call
+// that hangs fails the test and names its input. QX_ROBUST_SEED explores
+// other seeds.
+
+#include "QXTestSupport.h"
+
+#include "QXCommon/EnvironmentEx.h"
+#include "QXCommon/ExpandArgs.h"
+#include "QXCommon/FilePathPatternMatcher.h"
+#include "QXCommon/GlobWildcardString.h"
+#include "QXCommon/QXCommonFunctions.h"
+#include "QXCommon/QXRegEx.h"
+#include "QXCommon/RegExHelpers.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <regex>
+#include <thread>
+
+using QXCommon::CEnvironmentEx;
+using QXCommon::CFilePathPatternMatcher;
+using QXCommon::RegExHelpers::CQXRegEx;
+using QXCommon::RegExHelpers::GlobWildcardString;
+using QXTest::Narrow;
+
+namespace
+{
+unsigned Seed()
+{
+    const char* text = std::getenv("QX_ROBUST_SEED");
+    return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 0)) : 0x5EED1u;
+}
+
+class Gen
+{
+public:
+    explicit Gen(unsigned salt) : m_rng(Seed() ^ (salt * 0x9E3779B9u)) {}
+    size_t Below(size_t n) { return n == 0 ? 0 : std::uniform_int_distribution<size_t>(0, n - 1)(m_rng); }
+    bool Chance(unsigned percent) { return Below(100) < percent; }
+    template <size_t N>
+    const wchar_t* Pick(const wchar_t* const (&items)[N]) { return items[Below(N)]; }
+    wchar_t PickChar(const std::wstring& chars) { return chars[Below(chars.size())]; }
+    // Weighted toward what path, rule and command-line parsers treat
+    // specially, non-ASCII look-alikes of metacharacters and lone surrogates.
+    std::wstring HostileText(size_t maxLength)
+    {
+        static const std::wstring special = L"\\/:*?%\",; \t.~=$^|()[]{}+!-";
+        static const std::wstring foreign = L"\xFF08\xFF09\xFF0A\xFF3C\xFF5C\x2217\xFF0E\xFF1F\xFF3B\xFF3D\xFF5B"
+                                            L"\xFF5D\xFF0B\xFF04\xFF3E\x00E9\x00C9\x4E2D\x3000\x00A0\xD800\xDC00";
+        std::wstring text;
+        for (size_t n = Below(maxLength + 1); n > 0; --n)
+        {
+            const size_t kind = Below(4);
+            text.push_back(kind == 0   ? PickChar(special)
+                           : kind == 1 ? PickChar(foreign)
+                                       : static_cast<wchar_t>(L'a' + Below(4) + (Chance(20) ? L'A' - L'a' : 0)));
+        }
+        return text;
+    }
+    std::wstring Path()
+    {
+        std::wstring path = Chance(50) ? L"C:\\" : (Chance(50) ? L"\\\\" : L"");
+        for (size_t parts = 1 + Below(4); parts > 0; --parts)
+            path += HostileText(6) + (Chance(80) ? L"\\" : (Chance(50) ? L"/" : L"\\\\"));
+        return path + HostileText(6);
+    }
+
+private:
+    std::mt19937 m_rng;
+};
+
+// Runs input(i) for every i below count on one thread with a 256 KiB stack.
+// A call that has not returned after hangMs fails the test with label(i);
+// the thread is left behind and ends with the process.
+void OnSmallStack(size_t count, const std::function<void(size_t)>& input,
+                  const std::function<std::string(size_t)>& label, DWORD hangMs = 10000)
+{
+    struct Job
+    {
+        size_t count;
+        const std::function<void(size_t)>* input;
+        std::atomic<size_t> current{0};
+    } job{count, &input};
+    HANDLE thread = CreateThread(
+        nullptr, 256 * 1024,
+        [](void* parameter) -> DWORD {
+            Job* j = static_cast<Job*>(parameter);
+            for (size_t i = 0; i < j->count; ++i)
+                (*j->input)(j->current = i);
+            return 0;
+        },
+        &job, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    ASSERT_NE(thread, nullptr);
+    size_t seen = SIZE_MAX;
+    for (DWORD still = 0; WaitForSingleObject(thread, 100) == WAIT_TIMEOUT;)
+    {
+        const size_t now = job.current;
+        still = now == seen ? still + 100 : 0;
+        seen = now;
+        if (still >= hangMs)
+            FAIL() << "call did not return within " << hangMs << " ms: " << label(now) << " (seed " << Seed() << ")";
+    }
+    CloseHandle(thread);
+}
+
+std::wstring Replace(std::wstring text, wchar_t from, const std::wstring& to)
+{
+    for (size_t at = text.find(from); at != std::wstring::npos; at = text.find(from, at + to.size()))
+        text.replace(at, 1, to);
+    return text;
+}
+
+std::wstring Repeat(const std::wstring& unit, size_t count)
+{
+    std::wstring text;
+    while (count-- > 0)
+        text += unit;
+    return text;
+}
+
+// An expression of a few atoms, nested a little; 'P' is a literal placeholder.
+// With classes it uses \w \d \s \b, ranges and dots (ASCII only). Inside a
+// lookahead there are no captures, anchors or word boundaries: the standard
+// executor starts a lookahead as if the text began there, unlike ECMAScript.
+std::wstring Expression(Gen& g, int depth, bool classes, bool inLookahead = false)
+{
+    static const wchar_t* const plain[] = {L"a", L"b", L"P", L"A", L"(?:a|P)", L"[aP]", L"[^b]"};
+    static const wchar_t* const classy[] = {L"\\w", L"\\d", L"\\s", L"\\bb", L"[a-c]", L".", L"[^\\w]", L"\\B"};
+    static const wchar_t* const quantifiers[] = {L"*", L"+", L"?", L"{2}", L"{1,2}", L"*?", L"{0,}", L"{2,1}", L"{"};
+    static const wchar_t* const opens[] = {L"(", L"(?:", L"(?=", L"(?!"};
+    std::wstring out;
+    for (size_t n = 1 + g.Below(4); n > 0; --n)
+    {
+        const size_t kind = g.Below(10);
+        if (kind < 2 && depth < 3)
+        {
+            const std::wstring open = inLookahead ? L"(?:" : g.Pick(opens);
+            out += open + Expression(g, depth + 1, classes, inLookahead || (open[1] == L'?' && open[2] != L':')) + L")";
+        }
+        else if (kind == 2 && depth < 3)
+            out += Expression(g, depth + 1, classes, inLookahead) + L"|" + Expression(g, depth + 1, classes, inLookahead);
+        else if (kind == 3 && !inLookahead)
+            out += g.Chance(50) ? L"\\1" : (g.Chance(50) ? L"^" : L"$");
+        else if (kind == 4 && classes && !inLookahead)
+            out += g.Pick(classy);
+        else if (kind == 5 && g.Chance(15))
+            out += g.Pick({L")", L"(", L"[", L"\\", L"]"}); // unbalanced: both must refuse alike
+        else
+            out += g.Pick(plain);
+        if (g.Chance(30))
+            out += g.Pick(quantifiers);
+    }
+    return out;
+}
+
+// Whole-text glob: ? one character, * any run, neither a line break (the
+// expression's "."), letters compared without case.
+bool GlobReference(const std::wstring& glob, const std::wstring& text)
+{
+    auto fold = [](wchar_t c) {
+        wchar_t lower = c;
+        return LCMapStringW(LOCALE_INVARIANT, LCMAP_LOWERCASE, &c, 1, &lower, 1) == 1 ? lower : c;
+    };
+    auto lineBreak = [&](size_t i) { return text[i] == L'\n' || text[i] == L'\r'; };
+    std::vector<char> row(text.size() + 1, 0), next(text.size() + 1, 0);
+    row[0] = 1;
+    for (wchar_t p : glob)
+    {
+        std::fill(next.begin(), next.end(), 0);
+        for (size_t i = 0; i <= text.size(); ++i)
+        {
+            if (p == L'*')
+                next[i] = row[i] || (i > 0 && next[i - 1] && !lineBreak(i - 1));
+            else if (row[i] && i < text.size() && (p == L'?' ? !lineBreak(i) : fold(p) == fold(text[i])))
+                next[i + 1] = 1;
+        }
+        row.swap(next);
+    }
+    return row[text.size()] != 0;
+}
+} // namespace
+
+// Parse result, error code and answer equal the standard ECMAScript search
+// (on short texts, where it is safe to run), also when the placeholder is a
+// non-ASCII look-alike of a metacharacter: that must mean only itself.
+TEST(SeededRegEx, AgreesWithTheStandardSearchAndNonAsciiIsLiteral)
+{
+    static const wchar_t* const lookalikes[] = {L"\xFF08", L"\xFF09", L"\xFF0A", L"\xFF3C", L"\xFF5C", L"\x2217",
+                                                L"\xFF1F", L"\xFF3B", L"\xFF5B", L"\xFF0B", L"\xFF04", L"\xFF3E"};
+    Gen g(1);
+    constexpr size_t Count = 2500;
+    std::vector<std::wstring> expressions(Count), placeholders(Count), texts(Count * 4);
+    for (size_t i = 0; i < Count; ++i)
+    {
+        expressions[i] = Expression(g, 0, i % 2 == 0);
+        placeholders[i] = i % 2 == 0 ? L"q" : g.Pick(lookalikes);
+        for (size_t t = 0; t < 4; ++t)
+            for (size_t n = g.Below(9); n > 0; --n)
+                texts[i * 4 + t].push_back(g.PickChar(L"abPPA- \\"));
+    }
+    OnSmallStack(
+        Count,
+        [&](size_t i) {
+            std::wregex standard;
+            int standardError = -1;
+            try
+            {
+                standard.assign(Replace(expressions[i], L'P', L"q"), std::regex_constants::ECMAScript | std::regex_constants::icase);
+            }
+            catch (const std::regex_error& e)
+            {
+                standardError = static_cast<int>(e.code());
+            }
+            CQXRegEx ours;
+            const bool parsed = ours.Parse(Replace(expressions[i], L'P', placeholders[i]));
+            ASSERT_EQ(parsed ? -1 : ours.GetLastRxErrorCode(), standardError) << Narrow(expressions[i]);
+            for (size_t t = i * 4; parsed && t < i * 4 + 4; ++t)
+            {
+                bool matched = false;
+                EXPECT_EQ(ours.TryMatch(Replace(texts[t], L'P', placeholders[i]), matched), 0);
+                EXPECT_EQ(matched, std::regex_search(Replace(texts[t], L'P', L"q"), standard))
+                    << Narrow(expressions[i]) << " on " << Narrow(texts[t]);
+            }
+        },
+        [&](size_t i) { return Narrow(expressions[i]); });
+}
+
+// Globs match what the whole-text reference says; hostile text, escaped,
+// is found in itself.
+TEST(SeededRegEx, GlobsAndEscapedTextMeanThemselves)
+{
+    Gen g(2);
+    constexpr size_t Count = 3000;
+    std::vector<std::wstring> globs(Count), texts(Count);
+    for (size_t i = 0; i < Count; ++i)
+    {
+        globs[i] = g.HostileText(10);
+        texts[i] = i % 3 == 0 ? Replace(Replace(globs[i], L'*', L"xy"), L'?', L"z") : g.HostileText(10);
+    }
+    OnSmallStack(
+        Count,
+        [&](size_t i) {
+            GlobWildcardString glob;
+            ASSERT_TRUE(glob.Parse(globs[i]));
+            bool matched = false;
+            EXPECT_EQ(glob.TryMatch(texts[i], matched), 0);
+            EXPECT_EQ(matched, !globs[i].empty() && GlobReference(globs[i], texts[i]))
+                << Narrow(globs[i]) << " ~ " << Narrow(texts[i]);
+            CQXRegEx escaped;
+            ASSERT_TRUE(escaped.Parse(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(texts[i]))) << Narrow(texts[i]);
+            EXPECT_TRUE(texts[i].empty() || escaped.Match(L"<" + texts[i] + L">")) << Narrow(texts[i]);
+        },
+        [&](size_t i) { return Narrow(globs[i] + L" ~ " + texts[i]); });
+}
+
+// A path matches itself as a pattern, with "?" in place of any character but
+// a separator, and as a hook-list entry when it can be cut at a separator;
+// a NUL anywhere matches nothing.
+TEST(SeededPaths, WildcardWalkAndHookListMatchThePathItself)
+{
+    Gen g(3);
+    std::vector<std::wstring> paths(3000);
+    for (auto& path : paths)
+        path = g.Path();
+    OnSmallStack(
+        paths.size(),
+        [&](size_t i) {
+            const std::wstring& path = paths[i];
+            if (path.find_first_of(L"*?") == std::wstring::npos && !path.empty())
+            {
+                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, path, i % 2), 1);
+                std::wstring pattern = path;
+                const size_t at = i % path.size();
+                const bool separator = pattern[at] == L'\\' || pattern[at] == L':' || pattern[at] == L'/';
+                pattern[at] = L'?';
+                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, 1), separator ? 0 : 1) << at;
+            }
+            const size_t last = path.find_last_of(L"\\/");
+            if (last != std::wstring::npos && last != 0 && last + 1 != path.size() && path.find(L';') == std::wstring::npos &&
+                path.find_first_of(L" \t") != 0 && path.find_last_of(L" \t") != path.size() - 1)
+            {
+                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(path, path), 1);
+            }
+            std::wstring withNul = path;
+            withNul.insert(i % (path.size() + 1), 1, L'\0');
+            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, withNul, 0), 0);
+            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(withNul, L"C:\\", 1), 0);
+        },
+        [&](size_t i) { return Narrow(paths[i]); });
+}
+
+// A loaded block gives back each value as it was (also one holding "~" that
+// is too long to be a short name: the first table is the smallest such), a
+// value put into a regular expression matches itself, and a normalised path
+// expands back to itself.
+TEST(SeededEnvironment, BlocksNormalisationAndRegexExpansionHold)
+{
+    static const wchar_t* const names[] = {L"SystemDrive", L"SystemRoot", L"ProgramFiles", L"ProgramFiles(x86)",
+                                           L"ProgramData", L"LocalAppData", L"AppData", L"UserProfile", L"TEMP", L"Other"};
+    Gen g(4);
+    std::vector<std::map<std::wstring, std::wstring>> tables(600);
+    std::vector<std::wstring> paths(tables.size());
+    tables[0][L"a"] = L"~" + std::wstring(1059, L'x');
+    for (size_t i = 1; i < tables.size(); ++i)
+    {
+        for (int n = 0; n < 5; ++n)
+            tables[i][g.Pick(names)] = g.Chance(10) ? L"~" + std::wstring(1060 + g.Below(400), L'x')
+                                                    : (g.Chance(20) ? L"C:\\" : g.Path());
+        for (const auto& [name, value] : tables[i])
+            paths[i] += g.Chance(60) ? value : L"";
+        paths[i] += g.Path();
+    }
+    OnSmallStack(
+        tables.size(),
+        [&](size_t i) {
+            std::vector<wchar_t> block;
+            for (const auto& [name, value] : tables[i])
+            {
+                const std::wstring entry = name + L"=" + value;
+                block.insert(block.end(), entry.c_str(), entry.c_str() + entry.size() + 1);
+            }
+            block.insert(block.end(), {L'\0', L'\0'});
+            CEnvironmentEx env;
+            ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+            for (const auto& [name, value] : tables[i])
+            {
+                std::wstring found, rx;
+                EXPECT_EQ(env.Lookup(name.c_str(), found), 1);
+                EXPECT_EQ(found, value);
+                ASSERT_EQ(env.ExpandRxString(L"^%" + name + L"%$", rx), value.empty() ? 0 : 1);
+                CQXRegEx regex;
+                EXPECT_TRUE(value.empty() || (regex.Parse(rx) && regex.Match(value))) << Narrow(rx);
+            }
+            if (paths[i].find(L'%') != std::wstring::npos)
+                return;
+            std::wstring normalised = paths[i];
+            env.NormalisePaths(normalised);
+            std::wstring back = normalised;
+            env.ExpandString(back);
+            EXPECT_EQ(CompareStringOrdinal(back.c_str(), -1, paths[i].c_str(), -1, TRUE), CSTR_EQUAL)
+                << Narrow(paths[i]) << " -> " << Narrow(normalised) << " -> " << Narrow(back);
+        },
+        [&](size_t i) { return Narrow(paths[i]); });
+}
+
+// The joined arguments cut into the same arguments again (the cut is read
+// from the log).
+TEST(SeededCommandLine, JoinedArgumentsCutTheSameWay)
+{
+    auto cut = [](const std::wstring& args, std::wstring& joined) {
+        QXTest::LogCapture capture;
+        QXCommon::CExpandArgs().ConvertArgsToFullPath(args.c_str(), joined);
+        std::vector<std::wstring> tokens;
+        const std::wstring prefix = L"Tokens Identified [";
+        for (const auto& e : capture.Entries())
+            if (e.text.starts_with(prefix))
+                tokens.push_back(e.text.substr(prefix.size(), e.text.size() - prefix.size() - 2));
+        return tokens;
+    };
+    Gen g(5);
+    std::vector<std::wstring> lines(2000);
+    for (auto& line : lines)
+        for (size_t n = g.Below(14); n > 0; --n)
+            line.push_back(g.PickChar(L"\"\"\" ,\tab\\\xFF08"));
+    OnSmallStack(
+        lines.size(),
+        [&](size_t i) {
+            std::wstring joined, again;
+            const std::vector<std::wstring> first = cut(lines[i], joined);
+            EXPECT_EQ(cut(joined, again), first) << Narrow(lines[i]) << " -> " << Narrow(joined);
+            EXPECT_EQ(again, joined);
+        },
+        [&](size_t i) { return Narrow(lines[i]); });
+}
+
+// On a 32,767-character text each gets the ECMAScript answer or, where
+// allowed, the budget error; never a wrong "no match".
+TEST(Findings, ExplodingExpressionsGetTheirAnswerOrTheBudgetError)
+{
+    const std::wstring text = std::wstring(32766, L'a') + L"!";
+    const struct
+    {
+        std::wstring expression;
+        bool matches, budgetAllowed;
+    } cases[] = {
+        {Repeat(L"(a|)", 500), true, false},   {Repeat(L"(a*)*", 400), true, false},
+        {Repeat(L"a*", 500), true, false},     {Repeat(L"a?", 600), true, false},
+        {Repeat(L"a{1,3}", 300), true, false}, {L"(a*)*\\1$", true, true},
+        {L"(a)\\1!", true, false},             {L"^(?:a?){300}b", false, true},
+    };
+    OnSmallStack(
+        std::size(cases),
+        [&](size_t i) {
+            int error = 0;
+            CQXRegEx regex;
+            ASSERT_TRUE(ValidateRegularExpressionEx(cases[i].expression.c_str(), QX_REGEX_SAMPLE_ALL, &error));
+            ASSERT_TRUE(regex.Parse(cases[i].expression));
+            bool matched = !cases[i].matches;
+            error = regex.TryMatch(text, matched);
+            EXPECT_EQ(matched, error == 0 && cases[i].matches);
+            EXPECT_EQ(error, error == 0 || !cases[i].budgetAllowed ? 0 : QX_REGEX_ERROR_BUDGET);
+        },
+        [&](size_t i) { return Narrow(cases[i].expression.substr(0, 40)); });
+}
+
+// A non-ASCII character means itself in expressions, escaped text, globs and
+// expanded variables, and every one is a literal a quantifier binds to. The
+// parse result depends on the expression alone, not on the thread.
+TEST(Findings, NonAsciiCharactersAreLiteralsOnEveryThread)
+{
+    CQXRegEx regex;
+    ASSERT_TRUE(regex.Parse(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(L"a\xFF09")));
+    EXPECT_TRUE(regex.Match(L"xa\xFF09y"));
+    GlobWildcardString glob;
+    ASSERT_TRUE(glob.Parse(L"/\xFF5C" L"E\\.dl"));
+    EXPECT_TRUE(glob.Match(L"/\xFF5C" L"e\\.DL") && !glob.Match(L""));
+    CEnvironmentEx env;
+    std::wstring rx;
+    ASSERT_EQ(env.Add(L"Folder", L"C:\\Data \xFF08" L"2024\xFF09"), 1);
+    ASSERT_EQ(env.ExpandRxString(L"^%folder%\\\\", rx), 1);
+    EXPECT_TRUE(regex.Parse(rx) && regex.Match(L"C:\\Data \xFF08" L"2024\xFF09\\x.exe"));
+    std::vector<unsigned> wrong;
+    for (unsigned c = 0x80; c <= 0xFFFF; ++c)
+    {
+        const std::wstring u(1, static_cast<wchar_t>(c));
+        if (!regex.Parse(L"a" + u + L"+b") || !regex.Match(L"xa" + u + u + L"b") || regex.Match(L"xab"))
+            wrong.push_back(c);
+    }
+    EXPECT_TRUE(wrong.empty()) << wrong.size() << " code units, the first U+" << std::hex << (wrong.empty() ? 0 : wrong[0]);
+
+    for (const wchar_t* expression : {L"\xFF09{", L"a{\xFF11}", L"(\xFF08)\\\xFF11", L"x{"})
+    {
+        regex.Parse(expression);
+        const int expected = regex.GetLastRxErrorCode();
+        for (int t = 0; t < 4; ++t)
+        {
+            int there = -1, validated = -1;
+            std::thread([&] {
+                CQXRegEx fresh;
+                fresh.Parse(expression);
+                there = fresh.GetLastRxErrorCode();
+                ValidateRegularExpression(expression, &validated);
+            }).join();
+            EXPECT_EQ(std::make_pair(there, validated), std::make_pair(expected, expected)) << Narrow(expression);
+        }
+    }
+    EXPECT_FALSE(regex.Parse(L"\xFF09{"));
+    EXPECT_EQ(regex.GetLastRxErrorCode(), static_cast<int>(std::regex_constants::error_badbrace));
+}
+
+// Devices and pipes are not disk files: answered at once, never read. Crafted
+// e_lfanew values, wrapped ones among them, get the answer the bytes call for.
+TEST(Findings, ImageCheckOnDevicesAndCraftedHeaders)
+{
+    ATL::CHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\qxrobust_image", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
+    ASSERT_NE(pipe.m_h, INVALID_HANDLE_VALUE);
+    const wchar_t* const devices[] = {L"COM1", L"AUX", L"CON", L"NUL", L"PRN", L"LPT1", L"CONIN$", L"\\\\.\\pipe\\qxrobust_image"};
+    OnSmallStack(
+        std::size(devices),
+        [&](size_t i) {
+            BOOL isNTExe = TRUE;
+            EXPECT_TRUE(QXCommonFunctions::TryCheckIsNTExe(devices[i], isNTExe) != 0 || !isNTExe) << Narrow(devices[i]);
+        },
+        [&](size_t i) { return Narrow(devices[i]); }, 5000);
+
+    QXTest::TempDir dir;
+    Gen g(6);
+    for (int i = 0; i < 200; ++i)
+    {
+        const uint32_t offsets[] = {static_cast<uint32_t>(g.Below(600)), 0xFFFFFFFFu - static_cast<uint32_t>(g.Below(300)),
+                                    static_cast<uint32_t>(64 + g.Below(64))};
+        const uint32_t lfanew = offsets[g.Below(3)], needed = lfanew + 0xF8u; // wraps as the check's own sum does
+        std::string bytes(64 + g.Below(700), '\0');
+        std::memcpy(bytes.data(), "MZ", 2);
+        std::memcpy(bytes.data() + 60, &lfanew, 4);
+        if (lfanew + 4ull <= bytes.size() && g.Chance(70))
+            std::memcpy(bytes.data() + lfanew, "PE\0\0", 4);
+        const bool expected = bytes.size() >= needed && needed >= lfanew && lfanew + 4ull <= bytes.size() &&
+                              std::memcmp(bytes.data() + lfanew, "PE\0\0", 4) == 0;
+        BOOL isNTExe = !expected;
+        ASSERT_EQ(QXCommonFunctions::TryCheckIsNTExe(dir.Write(L"c.bin", bytes), isNTExe), 0u);
+        EXPECT_EQ(isNTExe != FALSE, expected) << "e_lfanew " << lfanew << ", size " << bytes.size();
+    }
+}
+
+// Joined arguments keep their boundaries; normalised paths expand back to
+// the same file.
+TEST(Findings, ArgumentsAndNormalisationRoundTrip)
+{
+    using Case = std::pair<const wchar_t*, const wchar_t*>;
+    for (const auto& [input, expected] :
+         {Case{L"\"a\"b c\"", L"\"a\"b c\""}, {L"\" \"a", L"\" \"a\""}, {L"a \"\"", L"a \"\""}, {L",", L"\"\""}})
+    {
+        std::wstring result;
+        ASSERT_EQ(QXCommon::CExpandArgs().ConvertArgsToFullPath(input, result), 1);
+        EXPECT_EQ(result, expected) << Narrow(input);
+    }
+    CEnvironmentEx env;
+    ASSERT_EQ(env.LoadFromEnvironmentBlock(L"SystemDrive=C:\\\0TEMP=C:\\T\\\0\0"), 1);
+    for (const auto& [input, expected] :
+         {Case{L"C:Eex", L"c:eex"}, {L"C:\\Eex", L"%systemdrive%eex"}, {L"C:\\T\\x", L"%temp%x"}, {L"C:\\T", L"%systemdrive%t"}})
+    {
+        std::wstring path = input;
+        env.NormalisePaths(path);
+        EXPECT_EQ(path, expected);
+        env.ExpandString(path);
+        EXPECT_EQ(CompareStringOrdinal(path.c_str(), -1, input, -1, TRUE), CSTR_EQUAL) << Narrow(path);
+    }
+}
+
+// A NUL in a path or pattern is no match for the matchers, and an ordinary
+// character for an expression; a hook-list entry written as a path matches it.
+TEST(Findings, NulAndHookListCases)
+{
+    using M = CFilePathPatternMatcher;
+    const std::wstring nul(1, L'\0');
+    EXPECT_EQ(M::MatchAgainstWildCardPattern(L"a", L"a" + nul, 0) + M::MatchAgainstWildCardPattern(L"a" + nul + L"b", L"a", 0) +
+                  M::MatchAgainstJustFileName(L"C:\\a" + nul, L"a" + nul) + M::MatchAgainstRegularExpressionPattern(L"a" + nul, L"a") +
+                  M::MatchAgainstNetworkResourcePattern(L"\\\\h\\s" + nul, L"\\\\h\\s", 0) +
+                  M::MatchAgainstWildCardFolder(L"C:\\a\\" + nul, L"C:\\*", 1) +
+                  M::MatchAgainstDriverHookExceptionList(L"C:\\a\\b.exe", L"b.exe" + nul),
+              0);
+    CQXRegEx regex;
+    ASSERT_TRUE(regex.Parse(L"a" + nul + L"b"));
+    EXPECT_TRUE(regex.Match(L"xa" + nul + L"b") && !regex.Match(L"xab"));
+    for (const wchar_t* path : {L"\\\\e", L"C:\\a\\\\b.exe", L"C:/a/b.exe", L"\\\\h\\s\\x.exe"})
+        EXPECT_EQ(M::MatchAgainstDriverHookExceptionList(path, path), 1) << Narrow(path);
+}
