@@ -1,7 +1,6 @@
 // Splitting a command line into program and arguments (by table and by its
-// log), and argument
-// expansion against the prefix's real search path: how arguments are cut
-// (quotes, commas, empty arguments) and joined again.
+// log), and argument expansion against the prefix's real search path: how
+// arguments are cut (quotes, commas, empty arguments) and joined again.
 
 #include "QXTestSupport.h"
 
@@ -11,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <shellapi.h>
-
 
 using QXCommon::CExpandArgs;
 using QXCommon::CommandLineSplitter;
@@ -65,39 +63,35 @@ TEST(CommandLineSplitter, SplitsTable)
     }
 }
 
+// Every line of the splitter's log, as level and text.
 TEST(CommandLineSplitter, LogsItsSteps)
 {
-    const char* const splitFn = "QXCommon::CommandLineSplitter::SplitCommandLine";
-    struct Case { const wchar_t* cmdLine; std::vector<std::pair<int, std::wstring>> lines; };
-    const Case cases[] = {
-        {L"\"C:\\a b\\x.exe\" -y",
-         {{4, L"ENTER: cmdLine=[\"C:\\a b\\x.exe\" -y]\n"}, {4, L"Path is quoted\n"},
-          {4, L"EXIT: outModuleName=[C:\\a b\\x.exe] outArgs=[-y]\n"}}},
-        {L"\"C:\\a.exe -y",
-         {{4, L"ENTER: cmdLine=[\"C:\\a.exe -y]\n"}, {4, L"Path is quoted\n"},
-          {1, L"ERROR didn't find matching \" [\"C:\\a.exe -y]\n"}, {4, L"EXIT: outModuleName=[] outArgs=[]\n"}}},
+    const std::pair<const wchar_t*, std::vector<std::wstring>> cases[] = {
+        {L"\"C:\\a b\\x.exe\" -y", {L"4 ENTER: cmdLine=[\"C:\\a b\\x.exe\" -y]\n", L"4 Path is quoted\n",
+                                      L"4 EXIT: outModuleName=[C:\\a b\\x.exe] outArgs=[-y]\n"}},
+        {L"\"C:\\a.exe -y", {L"4 ENTER: cmdLine=[\"C:\\a.exe -y]\n", L"4 Path is quoted\n",
+                              L"1 ERROR didn't find matching \" [\"C:\\a.exe -y]\n", L"4 EXIT: outModuleName=[] outArgs=[]\n"}},
         {L"C:\\Program Files\\a.exe /s",
-         {{4, L"ENTER: cmdLine=[C:\\Program Files\\a.exe /s]\n"}, {4, L"Path is not quoted\n"},
-          {4, L"Application identified as [C:\\Program Files\\a.exe] Arguments=[/s]\n"},
-          {4, L"EXIT: outModuleName=[C:\\Program Files\\a.exe] outArgs=[/s]\n"}}},
-        {L"cmd /c x",
-         {{4, L"ENTER: cmdLine=[cmd /c x]\n"}, {4, L"Path is not quoted\n"},
-          {1, L"ERROR: Failed to identify module/args in [cmd /c x]. Modulename returned as [] Arguments=[]\n"},
-          {4, L"EXIT: outModuleName=[] outArgs=[]\n"}}},
+         {L"4 ENTER: cmdLine=[C:\\Program Files\\a.exe /s]\n", L"4 Path is not quoted\n",
+          L"4 Application identified as [C:\\Program Files\\a.exe] Arguments=[/s]\n",
+          L"4 EXIT: outModuleName=[C:\\Program Files\\a.exe] outArgs=[/s]\n"}},
+        {L"cmd /c x", {L"4 ENTER: cmdLine=[cmd /c x]\n", L"4 Path is not quoted\n",
+                       L"1 ERROR: Failed to identify module/args in [cmd /c x]. Modulename returned as [] Arguments=[]\n",
+                       L"4 EXIT: outModuleName=[] outArgs=[]\n"}},
     };
-    for (const Case& c : cases)
+    for (const auto& [cmdLine, expected] : cases)
     {
         QXTest::LogCapture capture;
         std::wstring module, args;
-        CommandLineSplitter::SplitCommandLine(c.cmdLine, module, args);
-        std::vector<std::pair<int, std::wstring>> lines;
+        CommandLineSplitter::SplitCommandLine(cmdLine, module, args);
+        std::vector<std::wstring> lines;
         for (const auto& e : capture.Entries())
         {
-            EXPECT_EQ(e.function, splitFn);
-            EXPECT_EQ(e.file, "Source/QXCommon/CommandLineSplitter.cpp");
-            lines.emplace_back(e.level, e.text);
+            EXPECT_TRUE(e.function == "QXCommon::CommandLineSplitter::SplitCommandLine" &&
+                        e.file == "Source/QXCommon/CommandLineSplitter.cpp") << capture.Dump();
+            lines.push_back(std::to_wstring(e.level) + L" " + e.text);
         }
-        EXPECT_EQ(lines, c.lines) << capture.Dump();
+        EXPECT_EQ(lines, expected) << capture.Dump();
     }
 }
 
@@ -146,7 +140,7 @@ TEST(ExpandArgs, CutsAndJoinsArguments)
         {L"\"a\"b c\" d", {L"a\"b c", L"d"}, L"\"a\"b c\" d"}, // quoted again: a quote inside stays
         {L"\"\" x", {L"", L"x"}, L" x"},
         {L"x\"y z\"", {L"x\"y", L"z\""}, L"x\"y z\""},     // a quote inside an unquoted argument is text
-        {L"", {}, L""}, {L"   ", {L"", L"", L""}, L"  \"\""}, // an empty last argument is kept {L",", {L""}, L"\"\""},
+        {L"", {}, L""}, {L"   ", {L"", L"", L""}, L"  \"\""}, {L",", {L""}, L"\"\""}, // an empty last argument is kept
     };
     for (const Case& c : cases)
     {

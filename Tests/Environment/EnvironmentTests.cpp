@@ -19,7 +19,6 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
-#include <regex>
 #include <thread>
 
 using QXCommon::CEnvironmentEx;
@@ -195,9 +194,10 @@ TEST(EnvironmentExpand, CacheHitsUntilResetOrSwitchedOff)
     EXPECT_EQ(expands(L"%dir%\\a.exe"), L"C:\\Six\\a.exe");
 }
 
-// Values are escaped so that the expression matches the literal folder;
-// nested references are expanded before escaping; "]" is left alone;
-// unknown candidates stay; only some matching still counts.
+// Values are escaped so that the expression matches the literal folder (the
+// robustness suite matches them); nested references are expanded before
+// escaping; "]" is left alone; unknown candidates stay; only some matching
+// still counts.
 TEST(EnvironmentExpand, RegexExpansionMatchesTheLiteralFolder)
 {
     CEnvironmentEx env;
@@ -216,9 +216,6 @@ TEST(EnvironmentExpand, RegexExpansionMatchesTheLiteralFolder)
         EXPECT_EQ(env.ExpandRxString(input, rx), expected ? 1 : 0);
         EXPECT_EQ(rx, expected ? expected : input);
     }
-    std::wstring rx;
-    ASSERT_EQ(env.ExpandRxString(L"^%odd%\\\\%ProgramFiles(x86)%$", rx), 1);
-    EXPECT_TRUE(std::regex_match(L"C:\\$ ^| ! q? * -+.{}\\C:\\Program Files (x86)", std::wregex(rx, std::regex::icase)));
 }
 
 TEST(EnvironmentNormalise, LongestValueWins)
@@ -332,55 +329,41 @@ TEST(EnvironmentFileVariables, TableAndProcessEnvironment)
     EXPECT_EQ(GetEnvironmentVariableW(L"QXENVEMPTY", nullptr, 0), 0u);
 }
 
+// Five threads use one table while two change it: every answer is one the
+// table gave at some moment; a deadlock ends the run.
 TEST(EnvironmentConcurrency, SharedTableStaysConsistent)
 {
-    constexpr int Iterations = 3000;
     CEnvironmentEx env{1};
     auto block = Block({L"root=C:\\R", L"sub=%root%\\S", L"flip=A", L"SystemRoot=C:\\R"});
     ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
-    std::atomic<int> bad{0};
-    auto check = [&](bool ok) { bad += ok ? 0 : 1; };
-
-    auto expand = [&](int i) {
-        std::wstring out, inPlace = L"50% %root%", rx;
-        check(env.ExpandString(L"%SUB%\\%flip%\\x", out) == 1 && (out == L"C:\\R\\S\\A\\x" || out == L"C:\\R\\S\\B\\x"));
-        // Unknown names stay as written.
-        const std::wstring spelling = i % 2 ? L"%gone%" : L"%GONE%";
-        out.clear();
-        env.ExpandString((spelling + L"|%root%").c_str(), out);
-        check(out == L"G|C:\\R" || out == spelling + L"|C:\\R");
+    std::atomic<int> bad{0}, finished{0};
+    auto use = [&](int i) {
+        std::wstring out, gone, rx, value, path = L"C:\\R\\App\\X.EXE", inPlace = L"50% %root%";
+        const std::wstring spelling = i % 2 ? L"%gone%" : L"%GONE%"; // unknown names stay as written
+        env.ExpandString((spelling + L"|%root%").c_str(), gone);
         env.ExpandString(inPlace);
-        check(inPlace == L"50% C:\\R");
-        check(env.ExpandRxString(L"%root%\\\\.*", rx) == 1 && rx == L"C:\\\\R\\\\.*");
-    };
-    auto read = [&](int) {
-        std::wstring value, path = L"C:\\R\\App\\X.EXE";
-        check(env.Lookup(L"%FLIP%", value) == 1 && (value == L"A" || value == L"B"));
         env.NormalisePaths(path);
-        check(path == L"%systemroot%\\app\\x.exe");
-        auto copy = env.GetAsEnvironmentBlock();
-        check(copy.size() >= 2 && copy[copy.size() - 1] == L'\0' && copy[copy.size() - 2] == L'\0');
+        const auto copy = env.GetAsEnvironmentBlock();
+        bad += env.ExpandString(L"%SUB%\\%flip%", out) == 1 && (out == L"C:\\R\\S\\A" || out == L"C:\\R\\S\\B") &&
+                       (gone == L"G|C:\\R" || gone == spelling + L"|C:\\R") && inPlace == L"50% C:\\R" &&
+                       env.ExpandRxString(L"%root%\\\\.*", rx) == 1 && rx == L"C:\\\\R\\\\.*" &&
+                       env.Lookup(L"%FLIP%", value) == 1 && (value == L"A" || value == L"B") &&
+                       path == L"%systemroot%\\app\\x.exe" && copy.size() >= 2 && copy.back() == 0 && copy[copy.size() - 2] == 0
+                   ? 0 : 1;
     };
-    auto write = [&](int i) {
+    auto change = [&](int i) {
         env.Add(L"FLIP", i % 2 ? L"A" : L"B");
-        if (i % 3 == 0)
-            env.Remove(L"gone");
-        else
-            env.Add(std::wstring(L"Gone"), std::wstring(L"G"));
+        i % 3 == 0 ? env.Remove(L"gone") : env.Add(std::wstring(L"Gone"), std::wstring(L"G"));
         if (i % 5 == 0)
             env.ResetAccellerator();
-        // The cache is switched off and on now and then, and left on at the end.
-        if (i % 97 == 0 || i == Iterations - 1)
-            env.EnableAccellerator(i % 2 || i == Iterations - 1);
+        if (i % 97 == 0) // the cache off now and then
+            env.EnableAccellerator(i % 2);
     };
-
-    // A deadlock would leave threads that cannot be joined: the run ends here then.
-    std::atomic<int> finished{0};
     std::vector<std::thread> threads;
-    for (const auto& step : std::vector<std::function<void(int)>>{expand, expand, expand, read, read, write, write})
-        threads.emplace_back([&, step] {
-            for (int i = 0; i < Iterations; ++i)
-                step(i);
+    for (int t = 0; t < 7; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 3000; ++i)
+                t < 5 ? use(i) : change(i);
             ++finished;
         });
     for (int waited = 0; finished < 7 && waited < 1800; ++waited)
@@ -432,16 +415,6 @@ TEST(EnvironmentLoad, FromOwnTokenMatchesTheSystem)
     ExpectTableMatchesSystem(env, token);
     EXPECT_TRUE(capture.HasFragment(L"LoadUserName - Domain: [")) << capture.Dump();
     EXPECT_FALSE(capture.HasFragment(L"DestroyEnvironmentBlock")) << capture.Dump();
-
-    // Expansion with the table agrees with the system's expansion for the user.
-    for (const wchar_t* text : {L"%SystemRoot%\\System32\\x.exe", L"%USERPROFILE%\\Desktop", L"%ProgramFiles%\\A",
-                                L"%windir%|%SYSTEMDRIVE%|%NoSuchVariable%"})
-    {
-        std::wstring ours, system;
-        ASSERT_EQ(env.ExpandString(text, ours), 1) << QXTest::Narrow(text);
-        ASSERT_EQ(CEnvironmentEx::ExpandStringDirectForUser(token, text, system), 0u) << QXTest::Narrow(text);
-        EXPECT_EQ(Lower(ours), Lower(LongForm(system))) << QXTest::Narrow(text);
-    }
 
     // A reload keeps variables of other names and replaces those it brings.
     env.Add(L"QxOnlyHere", L"kept");

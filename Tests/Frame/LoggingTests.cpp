@@ -14,14 +14,7 @@
 
 #include <stdexcept>
 
-namespace
-{
-// Counts how often it is formatted.
-struct Counted
-{
-    int* counter;
-};
-} // namespace
+struct Counted { int* counter; }; // counts how often it is formatted
 
 template <>
 struct fmt::formatter<Counted, wchar_t> : fmt::formatter<int, wchar_t>

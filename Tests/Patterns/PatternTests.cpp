@@ -1,10 +1,9 @@
 // Path patterns: the wildcard walk and the rule kinds built on it (name,
 // full-path, wildcard, folder, network-resource, regular-expression and
-// driver-hook rules), path splitting, invariants over generated inputs, the
-// promise that short inputs allocate nothing; regular expressions: escaping
-// and glob conversion, the glob and expression classes, the validation
-// exports, agreement with the standard ECMAScript search, and bounded
-// matching on a small (256 KiB) thread stack.
+// driver-hook rules), path splitting, the promise that short inputs allocate
+// nothing; regular expressions: escaping and glob conversion, the glob and
+// expression classes, the validation exports and their logs. Generated
+// inputs and small stacks are the robustness suite's.
 
 #include "QXTestSupport.h"
 
@@ -15,12 +14,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
-#include <random>
 #include <regex>
-#include <thread>
 
 using QXCommon::CFilePathPatternMatcher;
 using QXCommon::RegExHelpers::CQXRegEx;
@@ -188,72 +184,21 @@ TEST(PathParts, SplitAndStrip)
     EXPECT_LOGGED(capture, 4, Prefix + std::string("StripFolder"),
                   L"Recursive Stip Count [2] - [C:\\A\\B\\\\] = [C:\\A\\]\n");
 
-    EXPECT_TRUE(CFilePathPatternMatcher::ContainsWildCard(L"a*") && CFilePathPatternMatcher::ContainsWildCard(L"?"));
-    EXPECT_FALSE(CFilePathPatternMatcher::ContainsWildCard(L"a.b"));
-    EXPECT_TRUE(CFilePathPatternMatcher::ContainsPath(L"a/b") && CFilePathPatternMatcher::ContainsPath(L"\\"));
-    EXPECT_FALSE(CFilePathPatternMatcher::ContainsPath(L"a:b"));
-    EXPECT_TRUE(CFilePathPatternMatcher::ContainsTilde(L"C:\\PROGRA~1"));
-    EXPECT_FALSE(CFilePathPatternMatcher::ContainsTilde(L"C:\\Program Files"));
-}
-
-// Invariants of the walk over generated paths and patterns (fixed seed),
-// once on the stack buffers and once, behind a long common prefix, on the heap.
-TEST(MatchAgainstWildCardPattern, InvariantsHoldOverGeneratedInputs)
-{
-    std::mt19937 random(20261123u);
-    const std::wstring alphabet = L"abAB.\\:/x";
-    auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(random); };
-    auto makeText = [&](std::wstring text = L"") {
-        for (size_t length = 1 + pick(12); text.size() < length;)
-            text += alphabet[pick(alphabet.size())];
-        return text;
-    };
-    auto upper = [](std::wstring s) { return std::wstring(_wcsupr(s.data())); };
-    auto separators = [](std::wstring s, bool slash) {
-        s.erase(std::remove_if(s.begin(), s.end(), [&](wchar_t c) { return c != L'\\' && c != L':' && (!slash || c != L'/'); }),
-                s.end());
-        return s;
-    };
-    const std::wstring padding = L"c:\\" + std::wstring(1100, L'p') + L"\\";
-    int matches = 0;
-    for (int round = 0; round < 4000; ++round)
-    {
-        std::wstring path = makeText();
-        // Half of the patterns are derived from the path, so that many match.
-        std::wstring pattern = pick(2) == 0 ? makeText() : path;
-        for (size_t e = pick(4); e > 0; --e)
-            pattern[pick(pattern.size())] = pick(2) == 0 ? L'*' : L'?';
-        int flag = static_cast<int>(pick(2));
-        SCOPED_TRACE(QXTest::Narrow(L"path=[" + path + L"] pattern=[" + pattern + L"] flag=" + std::to_wstring(flag)));
-        int result = walk(path, pattern, flag);
-        matches += result;
-        EXPECT_EQ(walk(upper(path), pattern, flag), result);
-        EXPECT_EQ(walk(path, upper(pattern), flag), result);
-        EXPECT_TRUE(pattern.find_first_of(L"*?") != pattern.npos || result == (upper(path) == upper(pattern)));
-        // Wildcards never consume a separator.
-        EXPECT_TRUE(result == 0 || separators(path, flag != 0) == separators(pattern, flag != 0));
-        EXPECT_EQ(walk(padding + path, padding + pattern, flag), result);
-    }
-    EXPECT_GT(matches, 400); // the generator does produce matching pairs
+    using M = CFilePathPatternMatcher;
+    EXPECT_TRUE(M::ContainsWildCard(L"a*") && M::ContainsWildCard(L"?") && M::ContainsPath(L"a/b") &&
+                M::ContainsPath(L"\\") && M::ContainsTilde(L"C:\\PROGRA~1"));
+    EXPECT_FALSE(M::ContainsWildCard(L"a.b") || M::ContainsPath(L"a:b") || M::ContainsTilde(L"C:\\Program Files"));
 }
 
 namespace
 {
-// Counts the C runtime allocations of the library and of the C++ runtime
-// (where operator new lands) through their imports of msvcrt's allocators:
-// a replacement operator new in the test would not see the library's own.
+// Counts the allocations of the library and of the C++ runtime (where
+// operator new lands) through their imports of msvcrt's malloc: a
+// replacement operator new in the test would not see the library's own.
 std::atomic<size_t> g_allocations{0};
-template <typename Fn>
-Fn Crt(const char* name)
-{
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), name)));
-}
-const auto g_malloc = Crt<void* (*)(size_t)>("malloc");
-const auto g_calloc = Crt<void* (*)(size_t, size_t)>("calloc");
-const auto g_realloc = Crt<void* (*)(void*, size_t)>("realloc");
+void* (*const g_malloc)(size_t) = reinterpret_cast<void* (*)(size_t)>(
+    reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "malloc")));
 void* CountMalloc(size_t n) { ++g_allocations; return g_malloc(n); }
-void* CountCalloc(size_t n, size_t size) { ++g_allocations; return g_calloc(n, size); }
-void* CountRealloc(void* p, size_t n) { ++g_allocations; return g_realloc(p, n); }
 } // namespace
 
 // Texts below 1023 characters are folded on the stack; from 1023 on, on the heap.
@@ -268,9 +213,7 @@ TEST(MatchAgainstWildCardPattern, ShortInputsAllocateNothingLongOnesGoToTheHeap)
     for (const wchar_t* module : {L"QXCommon.dll", L"libstdc++-6.dll"})
     {
         patches.emplace_back(new QXTest::ImportPatch(module, "msvcrt.dll", "malloc", (void*)&CountMalloc));
-        patches.emplace_back(new QXTest::ImportPatch(module, "msvcrt.dll", "calloc", (void*)&CountCalloc));
-        patches.emplace_back(new QXTest::ImportPatch(module, "msvcrt.dll", "realloc", (void*)&CountRealloc));
-        ASSERT_TRUE(patches[patches.size() - 3]->Installed()) << QXTest::Narrow(module);
+        ASSERT_TRUE(patches.back()->Installed()) << QXTest::Narrow(module);
     }
     g_allocations = 0;
     EXPECT_EQ(walk(shortPath, folderPattern, 1), 1);
@@ -313,31 +256,19 @@ TEST(RegExHelpers, EscapeAndGlobConversion)
     }
 }
 
-TEST(GlobWildcardString, MatchesWholeTextsCaseInsensitively)
+// What a glob matches is the robustness suite's (against a whole-text
+// reference); here: the object's life.
+TEST(GlobWildcardString, ParseReplacesCopiesMatchAndEmptyMatchesNothing)
 {
-    struct Case { const wchar_t* glob; const wchar_t* text; bool expected; };
-    const Case cases[] = {
-        {L"exe", L"C:\\x.exe", false}, // whole text, not a search
-        {L"*.exe", L"C:\\x.EXE", true},
-        {L"c:\\*.exe", L"C:\\dir\\sub\\x.exe", true}, // a glob star spans separators
-        {L"c:\\?.exe", L"C:\\x.exe", true}, {L"c:\\?.exe", L"C:\\xy.exe", false}, {L"[x]", L"[X]", true},
-        {L"[x]", L"x", false}, {L"a+b(c)", L"A+B(C)", true}, {L"a.b", L"axb", false},
-        {L"", L"", false}, // the empty glob is valid and matches nothing
-        {L"", L"a", false},
-    };
-    for (const Case& c : cases)
-    {
-        GlobWildcardString glob;
-        ASSERT_TRUE(glob.Parse(L"*"));
-        ASSERT_TRUE(glob.Parse(c.glob)) << QXTest::Narrow(c.glob);
-        EXPECT_EQ(glob.IsEmpty(), *c.glob == 0);
-        GlobWildcardString copy = glob;
-        EXPECT_EQ(glob.Match(c.text), c.expected) << QXTest::Narrow(std::wstring(c.glob) + L" ~ " + c.text);
-        EXPECT_EQ(copy.Match(c.text), c.expected);
-        glob.Empty();
-        EXPECT_TRUE(glob.IsEmpty());
-        EXPECT_FALSE(glob.Match(c.text));
-    }
+    GlobWildcardString glob;
+    ASSERT_TRUE(glob.Parse(L"*") && glob.Parse(L"c:\\*.exe") && !glob.IsEmpty());
+    GlobWildcardString copy = glob;
+    for (const GlobWildcardString* g : {&glob, &copy})
+        EXPECT_TRUE(g->Match(L"C:\\dir\\x.EXE") && !g->Match(L"D:\\x.exe") && !g->Match(L"C:\\x.exe.bak"));
+    glob.Empty();
+    EXPECT_TRUE(glob.IsEmpty() && !glob.Match(L"C:\\x.exe") && copy.Match(L"C:\\x.exe"));
+    ASSERT_TRUE(glob.Parse(L"")); // valid, and matches nothing
+    EXPECT_TRUE(glob.IsEmpty() && !glob.Match(L"") && !glob.Match(L"a"));
 }
 
 TEST(CQXRegEx, ParseKeepsTheErrorCodeAndMatchSearches)
@@ -347,6 +278,15 @@ TEST(CQXRegEx, ParseKeepsTheErrorCodeAndMatchSearches)
     EXPECT_FALSE(regex.Match(L"C:\\x.dll"));
     // An empty expression is valid and holds nothing, whatever was parsed before.
     EXPECT_TRUE(regex.Parse(L"") && regex.IsEmpty() && !regex.Match(L"C:\\x.exe"));
+    // Constructs the seeded comparison does not generate: named classes, bounded
+    // repeats, a back-reference across a separator, word boundaries.
+    for (const wchar_t* expression : {L"[[:alpha:]]+32", L"a{2,3}b", L"\\d{3}\\.\\d+", L"(\\w+)\\\\\\1", L"\\bcalc\\b"})
+    {
+        ASSERT_TRUE(regex.Parse(expression)) << QXTest::Narrow(expression);
+        for (const wchar_t* text : {L"c:\\windows\\system32\\calc.exe", L"aab ab", L"v 123.45", L"c:\\win\\win", L"ab"})
+            EXPECT_EQ(regex.Match(text), std::regex_search(std::wstring(text), std::wregex(expression, Icase)))
+                << QXTest::Narrow(std::wstring(expression) + L" ~ " + text);
+    }
 
     // The error code is the standard engine's own for the same text.
     for (const wchar_t* expression :
@@ -370,32 +310,10 @@ TEST(CQXRegEx, ParseKeepsTheErrorCodeAndMatchSearches)
     EXPECT_FALSE(regex.Parse(std::wstring(70000, L'a')));
     EXPECT_EQ(regex.GetLastRxErrorCode(), static_cast<int>(std::regex_constants::error_complexity));
     EXPECT_FALSE(regex.Parse(std::wstring(65, L'(') + std::wstring(65, L')')));
-    EXPECT_TRUE(regex.Parse(std::wstring(64, L'(') + L"a" + std::wstring(64, L')')));
-}
-
-// The bounded engine gives the answer of the standard ECMAScript search.
-TEST(CQXRegEx, AgreesWithTheStandardSearch)
-{
-    const wchar_t* expressions[] = {
-        L"exe$", L"^c:\\\\windows\\\\", L"\\\\system32\\\\[^\\\\]+\\.exe$", L"(a|b)*c", L"^(ab|a)(bc|c)$",
-        L"\\bcalc\\b", L"\\d{3}\\.\\d+", L"x*", L"^$", L"(?=.*win)c:", L"(?!c:)\\w:", L"[[:alpha:]]+32",
-        L"note.?pad", L"a{2,3}b", L"(\\w+)\\\\\\1", L"^(.)(.).?\\2\\1$", L"\\\\\\\\[^\\\\]+\\\\share", L"[A-C]:",
-        L"^\\s*$", L"CALC|notepad",
-    };
-    const wchar_t* texts[] = {
-        L"", L"c:\\windows\\system32\\calc.exe", L"C:\\WINDOWS\\notepad.exe", L"aababc", L"abc", L"ac", L"d:",
-        L"version 123.45", L"notpad", L"aab aaab", L"c:\\windows\\windows", L"abba", L"abcba", L"\\\\host\\share",
-        L"   ", L"B:\\", L"xyz",
-    };
-    for (const wchar_t* expression : expressions)
-    {
-        std::wregex reference(expression, Icase);
-        CQXRegEx regex;
-        ASSERT_TRUE(regex.Parse(expression)) << QXTest::Narrow(expression);
-        for (const wchar_t* text : texts)
-            EXPECT_EQ(regex.Match(text), std::regex_search(std::wstring(text), reference))
-                << QXTest::Narrow(std::wstring(expression) + L" ~ " + text);
-    }
+    // 64 levels are accepted, and groups cost no steps of their own: a match
+    // over the longest text stays within the budget.
+    ASSERT_TRUE(regex.Parse(std::wstring(64, L'(') + L"a" + std::wstring(64, L')') + L"+b"));
+    EXPECT_TRUE(regex.Match(std::wstring(32766, L'a') + L"b"));
 }
 
 TEST(ValidateRegularExpression, CompilesThenRejectsExpressionsThatExplodeOnTheSamples)
@@ -414,7 +332,6 @@ TEST(ValidateRegularExpression, CompilesThenRejectsExpressionsThatExplodeOnTheSa
         {L"^(.|.)*\\1!$", QX_REGEX_SAMPLE_EMPTY | QX_REGEX_SAMPLE_COMPUTER_NAME, true, 0},
         {L"^(.|.)*\\1!$", 0, true, 0},
     };
-    const DWORD start = GetTickCount();
     for (const Case& c : cases)
     {
         SCOPED_TRACE(QXTest::Narrow(c.expression) + " mask " + std::to_string(c.mask));
@@ -426,7 +343,6 @@ TEST(ValidateRegularExpression, CompilesThenRejectsExpressionsThatExplodeOnTheSa
         EXPECT_EQ(ValidateRegularExpression(c.expression, &error), compiles);
         EXPECT_EQ(error, compiles ? 0 : c.error);
     }
-    EXPECT_LT(GetTickCount() - start, 10000u);
     int error = -1;
     EXPECT_FALSE(ValidateRegularExpression(nullptr, &error) || ValidateRegularExpression(L"a", nullptr) ||
                  ValidateRegularExpressionEx(nullptr, 0, &error) || ValidateRegularExpressionEx(L"a", 0, nullptr));
@@ -445,82 +361,4 @@ TEST(CQXRegEx, InvalidRuleExpressionAndFailedMatchAreLogged)
     EXPECT_FALSE(regex.Match(std::wstring(28, L'x')));
     EXPECT_LOGGED(capture, 1, "QXCommon::RegExHelpers::CQXRegEx::Match",
                   L"Regex Match Failed, error " + std::to_wstring(static_cast<int>(std::regex_constants::error_complexity)));
-    ASSERT_TRUE(regex.Parse(L"(a)\\1"));
-    EXPECT_TRUE(regex.Match(std::wstring(300, L'a')));
-}
-
-namespace
-{
-std::wstring Repeat(const std::wstring& unit, size_t count)
-{
-    std::wstring text;
-    while (count-- > 0)
-        text += unit;
-    return text;
-}
-
-// One search on a thread with a 256 KiB stack, the size of the small threads
-// of hooked processes (Wine reserves 1 MiB at least): 0 match, 1 no match,
-// 3 refused, 5 no answer (the thread ended without one). A glob when the kind says so; an expression
-// that the validation export is given when there is no text.
-struct SmallStackSearch
-{
-    std::wstring expression, text;
-    bool glob = false;
-    int result = 5;
-    size_t stackBytes = 0;
-
-    static DWORD WINAPI Run(void* context)
-    {
-        auto* self = static_cast<SmallStackSearch*>(context);
-        MEMORY_BASIC_INFORMATION region = {};
-        VirtualQuery(&region, &region, sizeof region);
-        self->stackBytes = static_cast<BYTE*>(reinterpret_cast<NT_TIB*>(NtCurrentTeb())->StackBase) -
-                           static_cast<BYTE*>(region.AllocationBase);
-        int error = 0;
-        GlobWildcardString glob;
-        CQXRegEx regex;
-        if (self->text.empty())
-            self->result = ValidateRegularExpression(self->expression.c_str(), &error) ? 0 : 1;
-        else if (self->glob ? !glob.Parse(self->expression) : !regex.Parse(self->expression))
-            self->result = 3;
-        else
-            self->result = (self->glob ? glob.Match(self->text) : regex.Match(self->text)) ? 0 : 1;
-        return 0;
-    }
-};
-} // namespace
-
-TEST(RegExBounds, SmallStackLongTextsAndExplodingExpressions)
-{
-    const std::wstring ab = Repeat(L"ab", 16383), x32767(32767, L'x'), a256(256, L'a'); // ab: 32,766 characters
-    const struct Case { std::wstring expression, text; int result; bool glob = false; } cases[] = {
-        {L"(a|b)*c", ab + L"c", 0}, {L"^(a|b)*c$", ab + L"d", 1}, {L"*a*b*c*", ab, 1, true},
-        {L"(.|.)*!$", std::wstring(28, L'x'), 1}, {L"(.|.)*!$", x32767, 1}, {L"(.|.)*!$", std::wstring(32766, L'x') + L"!", 0},
-        {L"(?=.*y)x", x32767, 1}, {L"^(?:a?){500}$", std::wstring(32767, L'a'), 1},
-        {L"^(?:a?){500}$", std::wstring(400, L'a'), 0},
-        {Repeat(L"(", 64) + L"a" + Repeat(L")", 64) + L"+b", std::wstring(32766, L'a') + L"b", 0},
-        {Repeat(L"a", 2048), std::wstring(3000, L'a'), 0}, {L"(\\w+)\\\\\\1", L"c:\\windows\\windows", 0},
-        // A search stops at its first match, well inside the step budget.
-        {Repeat(L"a", 2048), std::wstring(30000, L'a'), 0}, {L"(a)\\1", std::wstring(5000, L'a'), 0},
-        {L"^(.|.)*\\1!$", std::wstring(28, L'x'), 1}, {Repeat(L"(", 20000) + Repeat(L")", 20000), L"", 1},
-        // The largest program the state limit lets through, backtracking over the longest text it is
-        // given: stopped by the step budget.
-        {L"^(?:a?){700}(a)\\1$", a256, 1}, {L"^(?:a?){700}(a)\\1b$", a256, 1},
-    };
-    // All at once: each search keeps its own step budget and gets its own answer.
-    std::vector<SmallStackSearch> searches;
-    for (const Case& c : cases)
-        searches.push_back({c.expression, c.text, c.glob});
-    std::vector<HANDLE> threads;
-    for (SmallStackSearch& search : searches)
-        threads.push_back(CreateThread(nullptr, 256 * 1024, &SmallStackSearch::Run, &search,
-                                       STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
-    ASSERT_EQ(WaitForMultipleObjects(static_cast<DWORD>(threads.size()), threads.data(), TRUE, 60000), WAIT_OBJECT_0);
-    for (size_t i = 0; i < searches.size(); ++i)
-    {
-        CloseHandle(threads[i]);
-        EXPECT_EQ(searches[i].result, cases[i].result) << QXTest::Narrow(cases[i].expression.substr(0, 40));
-        EXPECT_LE(searches[i].stackBytes, 1024u * 1024) << "the thread's stack is not small"; // Wine's least is 1 MiB
-    }
 }

@@ -189,8 +189,7 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDL
     const std::wstring outputPath = Unique((std::filesystem::temp_directory_path() / L"qxout-").wstring());
     ATL::CHandle output(CreateFileW(outputPath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE
                                     | FILE_SHARE_DELETE, &sa, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-    STARTUPINFOW si{};
-    si.cb = sizeof si;
+    STARTUPINFOW si{sizeof si};
     si.dwFlags = STARTF_USESTDHANDLES;
     si.hStdOutput = si.hStdError = output;
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);

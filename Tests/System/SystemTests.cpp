@@ -1,0 +1,503 @@
+// The system around the library: GetCurrentOS over the versions Wine
+// emulates, WOW64 and redirection, version conditions, qxinspect's commands;
+// registry values written byte for byte and read through every reader, sub-key
+// enumeration, virtual dispatch; texts of result codes, GUIDs, the event log.
+// `qxinspect --json os` prints GetCurrentOS beside the version the system
+// reports. Wine takes the version from HKCU\Software\Wine\AppDefaults\<exe>\Version
+// or, when none is set, from the prefix's HKLM CurrentVersion/CurrentBuildNumber/
+// ProductOptions (the only way to get server editions it has no name for).
+
+#include "QXLog.h"
+#include "QXTestSupport.h"
+
+#include "QXCommon/Guid.h"
+#include "QXCommon/HResult.h"
+#include "QXCommon/OSVersionHelper.h"
+#include "QXCommon/QXCommonFunctions.h"
+#include "QXCommon/RegExHelpers.h"
+#include "QXCommon/RegistryHelper.h"
+#include "QXCommon/WOW64FSRedirectEnabler.h"
+
+#include <gtest/gtest.h>
+
+#include <objbase.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+using namespace QXCommonFunctions;
+
+namespace
+{
+const wchar_t* const CurrentVersionKey = L"Software\\Microsoft\\Windows NT\\CurrentVersion";
+
+// The table the product's callers test against: {major, minor, workstation bit, server bit}.
+DWORD ExpectedBits(unsigned major, unsigned minor, bool workstation)
+{
+    const unsigned table[][4] = {{6, 1, 0x10, 0x80}, {6, 2, 0x20, 0x40}, {6, 3, 0x100, 0x200}, {10, 0, 0x400, 0x800}};
+    for (const auto& row : table)
+        if (row[0] == major && row[1] == minor)
+            return workstation ? row[2] : row[3];
+    return 0;
+}
+} // namespace
+
+TEST(CurrentOS, EachVersionGivesItsBit)
+{
+    struct Case { const wchar_t *wineVersion, *currentVersion, *build, *productOptions; unsigned major, minor; int workstation; };
+    const Case cases[] = { // a Wine version, or the registry's; workstation -1: whichever Wine reports
+        {L"win7", nullptr, nullptr, nullptr, 6, 1, -1},    {L"win2008r2", nullptr, nullptr, nullptr, 6, 1, -1},
+        {L"win8", nullptr, nullptr, nullptr, 6, 2, 1},     {L"win81", nullptr, nullptr, nullptr, 6, 3, 1},
+        {L"win10", nullptr, nullptr, nullptr, 10, 0, 1},   {L"win2008", nullptr, nullptr, nullptr, 6, 0, 0},
+        {L"win2003", nullptr, nullptr, nullptr, 5, 2, 0},  {nullptr, L"6.1", L"7601", L"WinNT", 6, 1, 1},
+        {nullptr, L"6.1", L"7601", L"ServerNT", 6, 1, 0},  {nullptr, L"6.2", L"9200", L"ServerNT", 6, 2, 0},
+        {nullptr, L"6.3", L"9600", L"ServerNT", 6, 3, 0},  {nullptr, L"10.0", L"14393", L"ServerNT", 10, 0, 0},
+        {nullptr, L"10.0", L"19041", L"WinNT", 10, 0, 1},
+    };
+    QXTest::SavedRegValue currentVersion(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentVersion");
+    QXTest::SavedRegValue currentBuild(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentBuildNumber");
+    QXTest::SavedRegValue productType(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\ProductOptions",
+                                      L"ProductType");
+    QXTest::SavedRegValue appDefaults(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\qxinspect.exe", L"Version");
+    int checked = 0;
+    for (const auto& c : cases)
+    {
+        const std::string name = QXTest::Narrow(c.wineVersion ? c.wineVersion : c.currentVersion);
+        ASSERT_TRUE(c.wineVersion ? appDefaults.SetString(c.wineVersion) : appDefaults.Set(REG_NONE));
+        ASSERT_TRUE(c.wineVersion || (currentVersion.SetString(c.currentVersion) && currentBuild.SetString(c.build) &&
+                                      productType.SetString(c.productOptions)));
+        const std::string out = QXTest::RunInspect(L"--json os").output;
+        auto after = [&out](const char* key) { size_t at = out.find(key); return at == out.npos ? "" : &out[at + strlen(key)]; };
+        unsigned major = 0, minor = 0;
+        std::sscanf(after("\"version\": \""), "%u.%u", &major, &minor);
+        const bool workstation = std::strncmp(after("\"productType\": \""), "workstation", 11) == 0;
+        // Wine 8 swaps the product types of win7 and win2008r2.
+        if (major != c.major || minor != c.minor || (c.workstation >= 0 && workstation != (c.workstation == 1)))
+        {
+            std::printf("Wine could not emulate %s here:\n%s", name.c_str(), out.c_str());
+            continue;
+        }
+        EXPECT_EQ(std::strtoul(after("\"os\": "), nullptr, 10), ExpectedBits(major, minor, workstation)) << out;
+        for (const char* fragment : {"\"is64BitArchitecture\": true", "\"isWow64\": false", "\"fsRedirectionEnabled\": false"})
+            EXPECT_NE(out.find(fragment), out.npos) << name << ": " << out;
+        ++checked;
+    }
+    EXPECT_GE(checked, 8);
+
+    QXTest::LogCapture capture;
+    const DWORD os = GetCurrentOS();
+    EXPECT_LOGGED(capture, 4, "QXCommonFunctions::GetCurrentOS", L"Returning " + std::to_wstring(os) + L"\n");
+}
+
+TEST(Wow64, SixtyFourBitProcessOnX64)
+{
+    QXTest::LogCapture capture;
+    EXPECT_TRUE(Is64BitArchitecture());
+    // Itself, no such process, and the idle process that cannot be opened: not WOW64.
+    EXPECT_FALSE(IsWow64(GetCurrentProcessId()) || IsWow64(0xFFFFFFF0u) || IsWow64(0));
+    EXPECT_FALSE(IsWow64FSRedirectionEnabled());
+    {
+        QXCommon::CWOW64FSRedirectEnabler enabler;
+        EXPECT_EQ(enabler.FSRedirectionWasEnabled(), 0);
+    }
+    EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
+    // A 64-bit process has nothing to redirect: the wrappers pass on what the system answers.
+    PVOID old = nullptr, systemOld = nullptr;
+    EXPECT_EQ(QXWow64DisableWow64FsRedirection(&old), Wow64DisableWow64FsRedirection(&systemOld));
+    EXPECT_EQ(QXWow64RevertWow64FsRedirection(old), Wow64RevertWow64FsRedirection(systemOld));
+    SetLastError(0);
+    EXPECT_FALSE(QXWow64DisableWow64FsRedirection(nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+namespace
+{
+// A 32-bit process on 64-bit Windows, as the system describes it to the
+// library: its lookups of the WOW64 functions get these stand-ins, which keep
+// the redirection state of the thread.
+bool g_redirection = false;
+BOOL WINAPI IsWow64Process32(HANDLE, PBOOL wow64) { return *wow64 = TRUE; }
+BOOL WINAPI Disable32(PVOID* old) { *old = reinterpret_cast<PVOID>(g_redirection ? 0 : 1); g_redirection = false; return TRUE; }
+BOOL WINAPI Revert32(PVOID old) { g_redirection = old == nullptr; return TRUE; }
+BOOLEAN WINAPI Enable32(BOOLEAN enable) { g_redirection = enable; return TRUE; }
+
+FARPROC WINAPI GetProcAddressOf32BitProcess(HMODULE module, LPCSTR name)
+{
+    const std::pair<const char*, void*> standIns[] = {{"IsWow64Process", (void*)&IsWow64Process32},
+                                                      {"Wow64DisableWow64FsRedirection", (void*)&Disable32},
+                                                      {"Wow64RevertWow64FsRedirection", (void*)&Revert32},
+                                                      {"Wow64EnableWow64FsRedirection", (void*)&Enable32}};
+    for (const auto& [function, standIn] : standIns)
+        if (HIWORD(name) != 0 && strcmp(name, function) == 0)
+            return reinterpret_cast<FARPROC>(standIn);
+    return GetProcAddress(module, name);
+}
+} // namespace
+
+TEST(Wow64, ThirtyTwoBitProcessAsTheSystemDescribesIt)
+{
+    QXTest::ImportPatch patch(L"QXCommon.dll", "kernel32.dll", "GetProcAddress", (void*)&GetProcAddressOf32BitProcess);
+    ASSERT_TRUE(patch.Installed());
+    QXTest::LogCapture capture;
+    EXPECT_TRUE(IsWow64(GetCurrentProcessId()));
+    for (bool wasOn : {false, true})
+    {
+        g_redirection = wasOn;
+        EXPECT_EQ(IsWow64FSRedirectionEnabled(), wasOn);
+        EXPECT_EQ(g_redirection, wasOn); // the question leaves the state as it was
+        {
+            QXCommon::CWOW64FSRedirectEnabler enabler;
+            EXPECT_EQ(enabler.FSRedirectionWasEnabled(), wasOn ? 1 : 0);
+            EXPECT_TRUE(g_redirection);
+        }
+        EXPECT_EQ(g_redirection, wasOn); // turned off again only by the guard that turned it on
+    }
+    EXPECT_TRUE(QXWow64RevertWow64FsRedirection(nullptr));
+    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::CWOW64FSRedirectEnabler",
+                  L"WOW64 Process with FS Redirection Disabled - Trying to re-enable\n");
+    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::RevertToOriginalState",
+                  L"FS Redirection enabled by us - Trying to disable again\n");
+    EXPECT_EQ(capture.Count(), 2u) << capture.Dump();
+}
+
+TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
+{
+    using QXCommon::COSVersionHelper;
+    OSVERSIONINFOEXW info = {sizeof(info)};
+    auto rtlGetVersion = reinterpret_cast<LONG(WINAPI*)(OSVERSIONINFOEXW*)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion")));
+    ASSERT_EQ(rtlGetVersion(&info), 0);
+    EXPECT_TRUE(COSVersionHelper::IsOSVersion(VER_GREATER_EQUAL, 5, 0) && COSVersionHelper::IsOSVersion(VER_LESS, 99, 99));
+    EXPECT_FALSE(COSVersionHelper::IsOSVersion(VER_EQUAL, 99, 0));
+    // The product type is reported as it is, compatibility declaration or not.
+    EXPECT_TRUE(COSVersionHelper::IsProductType(VER_EQUAL, info.wProductType));
+    EXPECT_FALSE(COSVersionHelper::IsProductType(VER_EQUAL, static_cast<BYTE>(info.wProductType == 1 ? 3 : 1)));
+    EXPECT_TRUE(info.wSuiteMask == 0 || COSVersionHelper::IsProductSuite(VER_AND, info.wSuiteMask));
+    WORD missing = 1;
+    while (missing != 0 && (info.wSuiteMask & missing) != 0)
+        missing = static_cast<WORD>(missing << 1);
+    EXPECT_FALSE(missing != 0 && COSVersionHelper::IsProductSuite(VER_AND, missing)) << missing;
+}
+
+// qxinspect as it is run: what each command prints and its exit code (0
+// yes/done, 1 no, 2 usage, 3 could not answer).
+TEST(Inspect, CommandsAndExitCodes)
+{
+    wchar_t system[MAX_PATH] = {}, systemRoot[MAX_PATH] = {};
+    ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH) * GetEnvironmentVariableW(L"SystemRoot", systemRoot, MAX_PATH), 0u);
+    const std::wstring dll = L"\"" + std::wstring(system) + L"\\kernel32.dll\"";
+    const std::string root = QXTest::Narrow(systemRoot);
+    const std::string escaped = QXTest::Narrow(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(systemRoot));
+    QXTest::TempDir dir;
+    const std::wstring text = L"\"" + dir.Write(L"notes.txt", "just text, no headers at all") + L"\"";
+    struct Case { std::wstring arguments; DWORD exitCode; std::vector<std::string> fragments; };
+    const Case cases[] = {
+        {L"error 5", 0, {"hresult: 0x00000005 ", "message: " + QXTest::Narrow(ErrorMessageFromCode(5))}},
+        {L"--json error 0x80040201", 0, {"\"hresult\": \"0x80040201 IDispatch error #1\""}},
+        {L"--json exe " + dll, 0, {"\"isNTExe\": true", "\"ntExeOrAccessRestricted\": 1"}},
+        {L"exe " + dll + L" " + text, 1, {"not an NT image"}},
+        {L"exe \"" + dir.File(L"missing.exe") + L"\" " + text, 3, {"error 2"}},
+        {L"guid --canonicalize abc", 0, {"{ABC}"}}, {L"guid", 0, {"{", "-", "}"}},
+        // The child's argument is: "C:\Program Files\a.exe" /open notepad.exe
+        {L"--json split \"\\\"C:\\Program Files\\a.exe\\\" /open notepad.exe\"", 0,
+         {"\"split\": true", "\"module\": \"C:\\\\Program Files\\\\a.exe\"", "\"arguments\": \"/open notepad.exe\"",
+          "\"expanded\": \"/open ", "notepad.exe\""}},
+        {L"split cmd /c x", 1, {"qxinspect: no program found"}},
+        {L"expand \"%SYSTEMROOT%\\x.exe\"", 0, {root + "\\x.exe\n"}},
+        {L"expand \"%NoSuchVariable%\\x\"", 1, {"%NoSuchVariable%\\x\n"}},
+        {L"expand --direct \"%SystemRoot%\\x\"", 0, {root + "\\x\n"}},
+        {L"expand --regex \"%SystemRoot%\\\\.*\"", 0, {escaped + "\\\\.*\n"}},
+        {L"--json expand \"%windir%\"", 0, {"\"replaced\": true", "\"mode\": \"table\""}},
+        {L"expand --pid 0xFFFFFFF1 \"%windir%\"", 3, {"qxinspect: "}},
+        {L"match C:\\Windows\\notepad.exe NOTEPAD.EXE", 0, {"name"}},
+        {L"match --kind wildcard C:\\Windows\\System32\\notepad.exe C:\\*\\notepad.exe", 1, {}},
+    };
+    for (const Case& c : cases)
+    {
+        auto run = QXTest::RunInspect(c.arguments);
+        EXPECT_EQ(run.exitCode, c.exitCode) << QXTest::Narrow(c.arguments) << "\n" << run.output;
+        for (const auto& fragment : c.fragments)
+            EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
+    }
+    for (const wchar_t* usage : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize", L"split",
+                                 L"expand", L"expand --pid nonsense x", L"match onlyone"})
+    {
+        auto run = QXTest::RunInspect(usage); // refused on stderr, under the program's name
+        EXPECT_TRUE(run.exitCode == 2 && run.output.find("qxinspect: ") != run.output.npos) << QXTest::Narrow(usage) << run.output;
+    }
+}
+
+namespace
+{
+// Raw bytes of a wide text, optionally with its NUL, less some bytes at the end.
+std::string Bytes(const std::wstring& text, bool withNul, size_t dropBytes = 0)
+{
+    return std::string(reinterpret_cast<const char*>(text.c_str()),
+                       (text.size() + (withNul ? 1 : 0)) * sizeof(wchar_t) - dropBytes);
+}
+} // namespace
+
+TEST(Registry, StringAndDwordValuesThroughEveryReader)
+{
+    struct Case { const char* name; DWORD type; std::string data; DWORD status; bool helperOk; std::wstring expected; };
+    const std::wstring s259(259, L'x'), s260(260, L'y');
+    const Case cases[] = { // status: RegQueryStringValue; helperOk: CRegistryHelper::QueryRegKey
+        {"plain", REG_SZ, Bytes(L"hello", true), 0, true, L"hello"},
+        {"expand_not_expanded", REG_EXPAND_SZ, Bytes(L"%SystemRoot%\\x", true), 0, true, L"%SystemRoot%\\x"},
+        {"empty_size0", REG_SZ, std::string(), 0, true, L""}, {"only_nul", REG_SZ, Bytes(L"", true), 0, true, L""},
+        {"no_terminating_nul", REG_SZ, Bytes(L"abc", false), ERROR_INVALID_DATA, false, L""},
+        {"odd_count_3", REG_SZ, Bytes(L"a", true, 1), ERROR_INVALID_DATA, false, L""},
+        {"odd_count_with_nul", REG_SZ, Bytes(L"ab", true) + "z", ERROR_INVALID_DATA, false, L""},
+        {"single_byte", REG_SZ, "q", ERROR_INVALID_DATA, false, L""},
+        {"embedded_nul_ends_text", REG_SZ, Bytes(std::wstring(L"ab\0cd", 5), true), 0, true, L"ab"},
+        {"chars259", REG_SZ, Bytes(s259, true), 0, true, s259}, {"chars260", REG_SZ, Bytes(s260, true), 0, false, s260},
+        {"chars260_no_nul", REG_SZ, Bytes(s260, false), ERROR_INVALID_DATA, false, L""},
+        {"dword_type", REG_DWORD, std::string("\x01\x00\x00\x00", 4), ERROR_INVALID_DATA, false, L""},
+        {"binary_type", REG_BINARY, Bytes(L"text", true), ERROR_INVALID_DATA, false, L""},
+        {"multi_sz_type", REG_MULTI_SZ, Bytes(L"a", true) + std::string(2, '\0'), ERROR_INVALID_DATA, false, L""},
+    };
+    QXTest::TestRegKey key;
+    for (const auto& c : cases)
+    {
+        // RegSetValueExW quietly counts a NUL that follows the given bytes of
+        // a string value (Windows does this too): follow them with a non-NUL
+        // character so that exactly these bytes are stored.
+        const std::string stored = c.data + "!!";
+        key.SetRaw(QXTest::Widen(c.name), c.type, stored.data(), static_cast<DWORD>(c.data.size()));
+    }
+    CRegistryHelper helper;
+    ATL::CRegKey open;
+    ASSERT_EQ(open.Open(key.Root(), key.SubKey().c_str(), KEY_READ), ERROR_SUCCESS);
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.name);
+        const std::wstring name = QXTest::Widen(c.name);
+        std::wstring viaFunction = L"untouched", viaHelper = L"untouched";
+        EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, name.c_str(), viaFunction), c.status);
+        EXPECT_EQ(viaFunction, c.status == 0 ? c.expected : L"untouched");
+        EXPECT_EQ(helper.QueryRegKey(open, name, viaHelper), c.helperOk);
+        EXPECT_EQ(viaHelper, c.helperOk ? c.expected : L"untouched");
+    }
+    std::wstring value;
+    EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, L"absent", value), DWORD(ERROR_FILE_NOT_FOUND));
+    EXPECT_FALSE(helper.QueryRegKey(open, L"absent", value));
+    key.SetString(L"", L"default text");
+    EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, nullptr, value), 0u);
+    EXPECT_EQ(value, L"default text");
+
+    // DWORD values: wrong type, eight bytes, absent: refused, value untouched.
+    key.SetDword(L"number", 0xDEADBEEF);
+    const unsigned long long wide = 7;
+    key.SetRaw(L"qword", REG_QWORD, &wide, sizeof(wide));
+    DWORD number = 0;
+    EXPECT_TRUE(helper.QueryRegKeyDWORD(key.Handle(), L"number", number));
+    EXPECT_EQ(number, 0xDEADBEEFu);
+    for (const wchar_t* name : {L"plain", L"qword", L"absent"})
+        EXPECT_FALSE(helper.QueryRegKeyDWORD(key.Handle(), name, number)) << QXTest::Narrow(name);
+    EXPECT_EQ(number, 0xDEADBEEFu);
+}
+
+TEST(Registry, OpenRegKeyAsksForReadAndWriteAndEnumerationAppends)
+{
+    QXTest::TestRegKey key;
+    CRegistryHelper helper;
+    ATL::CRegKey opened, missing;
+    ASSERT_TRUE(helper.OpenRegKey(opened, key.Root(), key.SubKey()));
+    EXPECT_EQ(opened.SetDWORDValue(L"written", 5), ERROR_SUCCESS); // write access came with the key
+    EXPECT_FALSE(helper.OpenRegKey(missing, key.Root(), key.SubKey() + L"\\nope"));
+    EXPECT_EQ(static_cast<HKEY>(missing), nullptr);
+
+    for (const std::wstring& name : {std::wstring(L"alpha"), std::wstring(L"beta"), std::wstring(L"Gamma\\nested"),
+                                     std::wstring(L"empty"), std::wstring(255, L'k')})
+        key.CreateSubKey(name);
+    std::vector<std::wstring> names = {L"kept"};
+    ASSERT_TRUE(helper.EnumerateRegSubKeys(key.Root(), key.SubKey(), names));
+    ASSERT_EQ(names.size(), 6u);
+    EXPECT_EQ(names[0], L"kept");
+    std::sort(names.begin() + 1, names.end(), [](auto& a, auto& b) { return _wcsicmp(a.c_str(), b.c_str()) < 0; });
+    EXPECT_EQ(names, (std::vector<std::wstring>{L"kept", L"alpha", L"beta", L"empty", L"Gamma", std::wstring(255, L'k')}));
+    std::vector<std::wstring> none = {L"x"};
+    EXPECT_TRUE(helper.EnumerateRegSubKeys(key.Root(), key.SubKey() + L"\\empty", none));
+    EXPECT_FALSE(helper.EnumerateRegSubKeys(key.Root(), key.SubKey() + L"\\missing", none));
+    EXPECT_EQ(none, std::vector<std::wstring>{L"x"});
+}
+
+// OpenAndQueryRegKey reaches the value reader through the interface, so a
+// substitute reader answers in its place.
+TEST(Registry, OpenAndQueryCallsTheVirtualReader)
+{
+    QXTest::TestRegKey key;
+    key.SetString(L"name", L"real value");
+    struct Recording : CRegistryHelper
+    {
+        std::vector<std::wstring> calls;
+        bool QueryRegKey(HKEY key, const std::wstring& name, std::wstring& value) override
+        {
+            calls.push_back(key != nullptr ? name : L"<no key>");
+            value = L"from override";
+            return name == L"name";
+        }
+    } helper;
+    IRegistryHelper& registry = helper;
+    std::wstring value;
+    EXPECT_TRUE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey(), L"name", value) && value == L"from override");
+    EXPECT_FALSE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey(), L"other", value));
+    // A key that cannot be opened never reaches the reader.
+    EXPECT_FALSE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey() + L"\\missing", L"name", value));
+    EXPECT_EQ(helper.calls, (std::vector<std::wstring>{L"name", L"other"}));
+    EXPECT_TRUE(CRegistryHelper().OpenAndQueryRegKey(key.Root(), key.SubKey(), L"name", value) && value == L"real value");
+}
+
+namespace
+{
+// The system's own text for a code, as FormatMessageW gives it (empty if none).
+std::wstring SystemText(DWORD code, DWORD flags = FORMAT_MESSAGE_IGNORE_INSERTS)
+{
+    wchar_t* raw = nullptr;
+    DWORD n = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | flags, nullptr, code,
+                             MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<LPWSTR>(&raw), 0, nullptr);
+    std::wstring text = n != 0 ? std::wstring(raw, n) : std::wstring();
+    LocalFree(raw);
+    return text;
+}
+
+std::wstring Hex(DWORD code, const wchar_t* format = L"0x%08x ")
+{
+    wchar_t text[16];
+    swprintf(text, 16, format, static_cast<unsigned>(code));
+    return text;
+}
+} // namespace
+
+TEST(HResult, ToStringGivesTheSystemTextWithoutItsLineBreakOrAFallback)
+{
+    // The code, a blank, the system's text without the one line break that ends it.
+    for (DWORD code : {0ul, 2ul, 5ul, 87ul, 1314ul, static_cast<DWORD>(E_ACCESSDENIED)})
+    {
+        std::wstring text = SystemText(code);
+        ASSERT_TRUE(text.size() >= 2 && text.back() == L'\n') << code;
+        text.erase(text.size() - (text[text.size() - 2] == L'\r' ? 2 : 1));
+        EXPECT_EQ(QXCommon::CHResult(static_cast<HRESULT>(code)).ToString(), Hex(code) + text);
+    }
+    // Codes without a text here: dispatch errors by number, others unknown.
+    const std::pair<DWORD, const wchar_t*> fallbacks[] = {
+        {0x80040201, L"IDispatch error #1"},        {0x80040210, L"IDispatch error #16"},
+        {0x8004FFFF, L"IDispatch error #65023"},    {0x80040200, L"Unknown error 0x80040200"},
+        {0x80041200, L"IDispatch error #4096"},     {0x80050200, L"Unknown error 0x80050200"},
+        {0x800401FF, L"Unknown error 0x800401FF"},  {0xA0051234, L"Unknown error 0xA0051234"},
+    };
+    for (const auto& [code, fallback] : fallbacks)
+        EXPECT_TRUE(!SystemText(code).empty() ||
+                    QXCommon::CHResult(static_cast<HRESULT>(code)).ToString() == Hex(code) + fallback) << code;
+}
+
+TEST(ErrorMessage, TextWithoutLineBreaksAndItsLogLine)
+{
+    QXTest::LogCapture capture;
+    EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(0), L""); // zero: empty and silent
+    EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
+    for (int code : {5, 2, static_cast<int>(0x80070057)})
+    {
+        std::wstring expected = SystemText(static_cast<DWORD>(code), 0);
+        ASSERT_FALSE(expected.empty()) << "the system has no text for " << code;
+        for (size_t at; (at = expected.find(L"\r\n")) != std::wstring::npos;)
+            expected.erase(at, 2);
+        EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(code), expected);
+        EXPECT_LOGGED(capture, 4, "QXCommonFunctions::ErrorMessageFromCode",
+                      L"Error " + Hex(code, L"%X") + L" [" + expected + L"]\n");
+    }
+    // A code without a text logs why.
+    const int code = 0x2BADF00D;
+    wchar_t* raw = nullptr;
+    ASSERT_EQ(FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM, nullptr, code, 0,
+                             reinterpret_cast<LPWSTR>(&raw), 100, nullptr), 0u);
+    const DWORD systemError = GetLastError();
+    EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(code), L"");
+    EXPECT_LOGGED(capture, 1, "QXCommonFunctions::ErrorMessageFromCode",
+                  L"FormatMessageW failed - error " + std::to_wstring(systemError) + L"\n");
+}
+
+TEST(Guid, NewGuidsTheirTextAndEquality)
+{
+    EXPECT_EQ(QXCommon::CGuid().ToString(), L"{00000000-0000-0000-0000-000000000000}");
+    std::set<std::wstring> seen;
+    for (int k = 0; k < 20; ++k)
+    {
+        QXCommon::CGuid guid;
+        ASSERT_TRUE(guid.CreateNew());
+        const std::wstring text = k % 2 ? guid.ToString() : QXCommon::CGuid::CreateNewAsString();
+        CLSID parsed = {}; // braced, upper-case hex only, new each time
+        EXPECT_TRUE(text.size() == 38u && text.find_first_of(L"abcdef") == text.npos && seen.insert(text).second &&
+                    CLSIDFromString(text.c_str(), &parsed) == S_OK) << QXTest::Narrow(text);
+        EXPECT_TRUE((k % 2 == 0 || QXCommon::CGuid(parsed) == guid) && !(guid == QXCommon::CGuid()));
+    }
+    const GUID g1 = {0x01234567, 0x89AB, 0xCDEF, {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF}};
+    GUID g2 = g1;
+    g2.Data4[7] ^= 1; // last byte only
+    QXCommon::CGuid a(g1), b(g2);
+    EXPECT_TRUE(a != b && !(a == b));
+    EXPECT_EQ(a.ToString(), L"{01234567-89AB-CDEF-0123-456789ABCDEF}");
+    static_cast<GUID&>(b).Data4[7] = 0xEF; // writable through the conversion
+    EXPECT_TRUE(b == a);
+
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {L"abc", L"{ABC}"}, {L"{abc}", L"{ABC}"}, {L"", L""}, {L"{abc", L"{ABC}"}, {L"abc}", L"{ABC}"}, {L"{", L"{}"},
+        {L"}", L"{}"},     {L"0123abcd-ef01-2345-6789-abcdef012345", L"{0123ABCD-EF01-2345-6789-ABCDEF012345}"},
+        {L"not a guid", L"{NOT A GUID}"},
+    };
+    for (auto [text, out] : cases)
+    {
+        QXCommon::CGuid::Canonicalize(text);
+        EXPECT_EQ(text, out);
+    }
+}
+
+namespace
+{
+// What the library hands the event log (Wine accepts events and drops them).
+struct Reported { DWORD id; WORD type, category, strings; PSID user; DWORD dataSize; void* data; std::wstring text; };
+std::vector<Reported> g_reported;
+std::vector<std::wstring> g_sources;
+
+BOOL WINAPI RecordEvent(HANDLE source, WORD type, WORD category, DWORD id, PSID user, WORD strings, DWORD dataSize,
+                        LPCWSTR* texts, LPVOID data)
+{
+    g_reported.push_back({id, type, category, strings, user, dataSize, data, strings ? texts[0] : L""});
+    return ReportEventW(source, type, category, id, user, strings, dataSize, texts, data);
+}
+
+HANDLE WINAPI RecordSource(LPCWSTR server, LPCWSTR name)
+{
+    g_sources.push_back(server == nullptr ? name : L"?");
+    return RegisterEventSourceW(server, name);
+}
+} // namespace
+
+TEST(EventLog, OneTruncatedTextPerEventUnderTheProductSource)
+{
+    QXTest::ImportPatch report(L"QXCommon.dll", "advapi32.dll", "ReportEventW", (void*)&RecordEvent);
+    QXTest::ImportPatch source(L"QXCommon.dll", "advapi32.dll", "RegisterEventSourceW", (void*)&RecordSource);
+    ASSERT_TRUE(report.Installed() && source.Installed());
+    QXTest::LogCapture capture;
+    EXPECT_EQ(QXCommonFunctions::LogEventDirect(1000, EVENTLOG_INFORMATION_TYPE, L"Process %ls blocked (%d)",
+                                                L"C:\\x.exe", 42), 0u);
+    EXPECT_EQ(QXCommonFunctions::LogEventDirect(1001, EVENTLOG_WARNING_TYPE, L"%ls", std::wstring(5000, L'z').c_str()),
+              0u);
+    EXPECT_EQ(QXCommonFunctions::LogEventDirect(1002, EVENTLOG_ERROR_TYPE, nullptr), 0u);
+    EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
+    EXPECT_EQ(g_sources, std::vector<std::wstring>(3, L"Kestrova Runwarden"));
+    ASSERT_EQ(g_reported.size(), 3u);
+    const std::pair<WORD, std::wstring> expected[] = {{EVENTLOG_INFORMATION_TYPE, L"Process C:\\x.exe blocked (42)"},
+                                                      {EVENTLOG_WARNING_TYPE, std::wstring(255, L'z')},
+                                                      {EVENTLOG_ERROR_TYPE, L""}};
+    for (DWORD i = 0; i < 3; ++i)
+    {
+        const Reported& r = g_reported[i];
+        EXPECT_TRUE(r.id == 1000 + i && r.type == expected[i].first && r.text == expected[i].second) << i;
+        EXPECT_TRUE(r.category == 0 && r.strings == 1 && r.user == nullptr && r.dataSize == 0 && r.data == nullptr) << i;
+    }
+}
