@@ -80,7 +80,8 @@ protected:
                     "[sha256] sha256 " + sha256 + "\n"
                     "[adler]  adler32 " + lower + "\n"
                     "[signer] signer signer.cer\n"
-                    "[share]  network \\\\fileserver\\tools\n";
+                    "[share]  network \\\\fileserver\\tools\n"
+                    "[full path] signer " + Narrow(dir.File(L"signer.cer")) + "\n";
         rules = dir.Write(L"rules.txt", everyKind);
     }
 
@@ -110,7 +111,7 @@ TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
     } const cases[] = {
         {L"--rules " + Quoted(rules) + L" " + Quoted(signedExe), 0,
          {{"by name", "match"}, {"drive", "match"}, {"sha1", "match"}, {"sha256", "match"}, {"adler", "match"},
-          {"signer", "match"}, {"share", "no match"}},
+          {"signer", "match"}, {"share", "no match"}, {"full path", "match"}},
          {"\"answer\": \"match\"", "\"isNTExe\": true", "\"verified\": true", "\"signer\": \"QXCommon Test Signer\"",
           "\"sha256\": \"" + sha256 + "\"", "\"adler32\": \"" + adler32 + "\"", "same issuer and serial number"}},
         {L"--rules " + Quoted(rules) + L" " + Quoted(unsignedExe), 1,
@@ -180,6 +181,7 @@ TEST_F(Check, AMalformedRuleStopsEverythingWithItsLine)
         {"adler32 0000000001\n", ":1: adler32 hash text: 8 hexadecimal digits expected"},
         {"name a.exe\nregex ^(unclosed\n", ":2: the regular expression is refused"},
         {"signer nothere.cer\n", ":1: the certificate "},
+        {"name caf\xE9.exe\n", ": not UTF-8 text"},
     };
     for (const auto& c : cases)
     {
