@@ -13,8 +13,8 @@
 #include <atlsecurity.h>
 #include <psapi.h>
 
+#include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
