@@ -287,10 +287,7 @@ protected:
     void Write(DWORD type, const std::string& data = {})
     {
         ASSERT_TRUE(m_saved->Set(type == KeyMissing ? REG_NONE : type, data.data(), static_cast<DWORD>(data.size())));
-        if (type == KeyMissing)
-        {
-            ASSERT_EQ(RegDeleteKeyW(HKEY_LOCAL_MACHINE, Properties.c_str()), ERROR_SUCCESS);
-        }
+        ASSERT_TRUE(type != KeyMissing || RegDeleteKeyW(HKEY_LOCAL_MACHINE, Properties.c_str()) == ERROR_SUCCESS);
     }
     // Any algorithm; only a failed read brings back "not set".
     void Reset(SignatureAlgorithm algorithm)
