@@ -1,7 +1,4 @@
-// Real tokens of this process, of children and of impersonating threads:
-// attach and membership by the system's rule and attribute-blind, elevation
-// as the platform reports it, the impersonation guard, privileges, process
-// identity over live, ended and reused ids, handle leaks and qxinspect.
+// Real tokens of this process, of children and of impersonating threads.
 
 #include "QXTestSupport.h"
 #include "TokenTestSupport.h"
@@ -19,7 +16,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <thread>
 
 namespace F = QXCommonFunctions;
@@ -70,59 +66,49 @@ const Attach Primary = &F::AttachAtlAccessTokenToPrimaryTokenFromProcessId,
              Thread = &F::AttachAtlAccessTokenToTokenFromThreadId;
 } // namespace
 
-// Tokens of this process, of a child under a token in which Administrators
-// is deny-only and of a thread impersonating it; a token object that holds a
-// handle is refused and keeps it; failures keep the system error; the
-// identity a thread acts with, as a primary token.
+// Tokens of a child under Administrators deny-only and of a thread
+// impersonating it; a token object that holds a handle is refused and keeps it.
 TEST(TokenAttach, ProcessAndThreadTokensCarryTheirIdentity)
 {
     ATL::CHandle own = ProcessToken(), restricted = QXTest::AdminDenyOnlyToken();
     QXTest::ChildProcess child(restricted);
     ImpersonatingThread impersonating(restricted), plain(nullptr);
     ASSERT_TRUE(child.Ready() && impersonating.impersonating);
-    const std::tuple<Attach, DWORD, HANDLE, TOKEN_TYPE> cases[] = {
-        {Primary, GetCurrentProcessId(), own, TokenPrimary},    {Impersonation, GetCurrentProcessId(), own, TokenImpersonation},
-        {Primary, child.Pid(), restricted, TokenPrimary},       {Impersonation, child.Pid(), restricted, TokenImpersonation},
-        {Thread, impersonating.id, restricted, TokenImpersonation}};
-    for (const auto& [attach, id, expected, type] : cases)
+    const std::tuple<Attach, DWORD, TOKEN_TYPE> cases[] = {
+        {Primary, child.Pid(), TokenPrimary}, {Impersonation, child.Pid(), TokenImpersonation}, {Thread, impersonating.id, TokenImpersonation}};
+    for (const auto& [attach, id, type] : cases)
     {
         ATL::CAccessToken token;
         ASSERT_TRUE(attach(token, id)) << id;
-        EXPECT_EQ(DescribeToken(token.GetHandle()), DescribeToken(expected));
-        EXPECT_EQ(TypeOf(token.GetHandle()), type);
+        EXPECT_EQ(DescribeToken(token.GetHandle()) + std::to_wstring(TypeOf(token.GetHandle())), DescribeToken(restricted) + std::to_wstring(type));
         QXTest::LogCapture log;
         const HANDLE held = token.GetHandle();
         EXPECT_FALSE(attach(token, id));
         EXPECT_EQ(token.GetHandle(), held);
-        EXPECT_EQ(log.Count(), 1u);
         EXPECT_TRUE(log.HasFragment(L"Supplied Access Token was already attached to a handle.\n")) << log.Dump();
     }
+    const std::string fn = "QXCommonFunctions::AttachAtlAccessTokenTo";
+    const std::tuple<Attach, DWORD, DWORD, std::string, const wchar_t*> failures[] = {
+        {Primary, 0, ERROR_INVALID_PARAMETER, fn + "PrimaryTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n"},
+        {Impersonation, 0, ERROR_INVALID_PARAMETER, fn + "ImpersonationTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n"},
+        {Thread, 0, ERROR_INVALID_PARAMETER, fn + "TokenFromThreadId", L"OpenThread(0) failed (Error 87).\n"},
+        {Thread, plain.id, ERROR_NO_TOKEN, fn + "TokenFromThreadId", L"The thread does not have a token to open.\n"}};
     QXTest::LogCapture log;
-    const std::tuple<Attach, DWORD, DWORD> failures[] = {{Primary, 0, ERROR_INVALID_PARAMETER},
-                                                         {Impersonation, 0, ERROR_INVALID_PARAMETER},
-                                                         {Thread, 0, ERROR_INVALID_PARAMETER},
-                                                         {Thread, plain.id, ERROR_NO_TOKEN}};
-    for (const auto& [attach, id, error] : failures)
+    for (const auto& [attach, id, error, function, text] : failures)
     {
         ATL::CAccessToken token;
         SetLastError(0);
-        EXPECT_FALSE(attach(token, id));
+        EXPECT_FALSE(attach(token, id) || token.GetHandle() != nullptr);
         EXPECT_EQ(GetLastError(), error) << id;
-        EXPECT_EQ(token.GetHandle(), nullptr);
+        EXPECT_LOGGED(log, 1, function, text);
     }
-    const std::string fn = "QXCommonFunctions::AttachAtlAccessTokenTo";
-    EXPECT_LOGGED(log, 1, fn + "PrimaryTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
-    EXPECT_LOGGED(log, 1, fn + "ImpersonationTokenFromProcessId", L"OpenProcess(0) failed (Error 87).\n");
-    EXPECT_LOGGED(log, 1, fn + "TokenFromThreadId", L"OpenThread(0) failed (Error 87).\n");
-    EXPECT_LOGGED(log, 1, fn + "TokenFromThreadId", L"The thread does not have a token to open.\n");
 
     // The identity a thread acts with, always as a primary token.
     const DWORD self = GetCurrentProcessId();
     for (const auto& [tid, expected] : {std::pair{impersonating.id, restricted.m_h}, {plain.id, own.m_h}})
     {
         ATL::CAccessToken token;
-        ASSERT_TRUE(F::ObtainPrimaryTokenFromProcessOrThread(self, tid, token));
-        EXPECT_EQ(TypeOf(token.GetHandle()), TokenPrimary);
+        ASSERT_TRUE(F::ObtainPrimaryTokenFromProcessOrThread(self, tid, token) && TypeOf(token.GetHandle()) == TokenPrimary);
         EXPECT_EQ(DescribeToken(token.GetHandle()), DescribeToken(expected));
     }
     for (const auto& [pid, tid] : {std::pair{DWORD(0), plain.id}, {self, DWORD(0)}})
@@ -136,23 +122,19 @@ TEST(TokenAttach, ProcessAndThreadTokensCarryTheirIdentity)
     EXPECT_LOGGED(log, 1, "QXCommonFunctions::ObtainPrimaryTokenFromProcessOrThread", L"OpenThread(0) failed (Error 87).\n");
 }
 
-// HasAdminSid counts the Administrators group whatever its attributes, on a
-// borrowed handle; TokenHasMembership is the system's rule on an
-// impersonation token; a disabled group counts only attribute-blind.
+// HasAdminSid counts Administrators whatever its attributes, on a borrowed
+// handle; TokenHasMembership is the system's rule on an impersonation token.
 TEST(TokenMembership, AttributeBlindAgainstTheSystemRule)
 {
     ATL::CHandle own = ProcessToken(), denyOnly = QXTest::AdminDenyOnlyToken();
     const QXCommon::QXAccessTokenMembership membership;
     for (const auto& [primary, admin] : {std::pair{own.m_h, true}, {denyOnly.m_h, false}})
     {
-        QXTest::LogCapture log;
         EXPECT_TRUE(membership.HasAdminSid(primary));
-        EXPECT_LOGGED(log, 4, "QXCommon::QXAccessTokenMembership::HasAdminSid", L"Local token has Administrators group Sid [True].\n");
         ATL::CAccessToken query;
         query.Attach(QXTest::ImpersonationCopy(primary).Detach());
         EXPECT_EQ(F::TokenHasMembership(query, L"S-1-5-32-544"), admin);
         EXPECT_TRUE(F::TokenHasMembership(query, L"S-1-1-0") && !F::TokenHasMembership(query, L"S-1-5-32-546"));
-        EXPECT_TRUE(membership.HasAdminSid(query.GetHandle()));
     }
     EXPECT_NE(DescribeToken(own).find(L"S-1-5-32-544"), std::wstring::npos); // the handle was only borrowed
 
@@ -182,8 +164,7 @@ TEST(TokenMembership, DisabledGroupCountsOnlyAttributeBlind)
     EXPECT_TRUE(QXCommon::QXAccessTokenMembership().HasAdminSid(disabled.GetHandle()));
 }
 
-// Both halves of a split administrator token as the platform reports them,
-// the run level the system gives a program, and SIDs from their text.
+// Both halves of a split administrator token as the platform reports them.
 TEST(TokenElevation, AnswersFollowThePlatform)
 {
     ATL::CHandle own = ProcessToken();
@@ -197,9 +178,7 @@ TEST(TokenElevation, AnswersFollowThePlatform)
         if (token == nullptr || !GetTokenInformation(token, TokenElevationType, &type, sizeof type, &size) ||
             !GetTokenInformation(token, TokenElevation, &elevation, sizeof elevation, &size))
             continue;
-        QXTest::LogCapture log;
         EXPECT_EQ(F::IsTokenElevated(token), elevation.TokenIsElevated != 0);
-        EXPECT_LOGGED(log, 4, "QXCommonFunctions::IsTokenElevated", L"TokenIsElevated [" + std::to_wstring(elevation.TokenIsElevated) + L"].\n");
         EXPECT_EQ(F::IsRestrictedOrFullAdmin(token), type == TokenElevationTypeFull || type == TokenElevationTypeLimited) << type;
     }
     QXTest::LogCapture log;
@@ -207,17 +186,11 @@ TEST(TokenElevation, AnswersFollowThePlatform)
     EXPECT_LOGGED(log, 1, "QXCommonFunctions::IsTokenElevated", L"Failed to obtain Token Information. Assuming NOT Elevated. Error [6].\n");
     EXPECT_LOGGED(log, 1, "QXCommonFunctions::IsRestrictedOrFullAdmin", L"Failed to GetTokenInformation. Error: 6");
 
-    for (const wchar_t* text : {L"S-1-5-32-544", L"S-1-5-21-612037418-213544074-8-1-0-0"})
-    {
-        ATL::CSid sid;
-        EXPECT_TRUE(F::ConvertStringSidToATLSidW(text, sid));
-        EXPECT_STREQ(sid.Sid(), text);
-    }
-    for (const wchar_t* bad : {L"", L"S-1", static_cast<const wchar_t*>(nullptr)})
-    {
-        ATL::CSid sid;
-        EXPECT_FALSE(F::ConvertStringSidToATLSidW(bad, sid) || sid.IsValid());
-    }
+    ATL::CSid sid, bad;
+    const wchar_t* text = L"S-1-5-21-612037418-213544074-8-1-0-0";
+    EXPECT_TRUE(F::ConvertStringSidToATLSidW(text, sid));
+    EXPECT_STREQ(sid.Sid(), text);
+    EXPECT_FALSE(F::ConvertStringSidToATLSidW(L"S-1", bad) || F::ConvertStringSidToATLSidW(nullptr, bad) || bad.IsValid());
     EXPECT_LOGGED(log, 1, "QXCommonFunctions::ConvertStringSidToATLSidW", L"Failed to Convert SID [(null)]. Error [87].\n");
 }
 
@@ -235,9 +208,8 @@ TEST(TokenElevation, CheckElevationPassesTheSystemsRunLevel)
         GTEST_SKIP() << "kernel32 has no CheckElevation here: only the answer 0 is shown";
 }
 
-// What the thread impersonates is captured in a form that can be put back;
-// an anonymous-level token cannot be, and a guard made then ends with the
-// thread impersonating nothing.
+// What the thread impersonates is captured so that it can be put back; an
+// anonymous-level token cannot be.
 TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
 {
     QXTest::RevertAtExit revert;
@@ -268,9 +240,8 @@ TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
     EXPECT_EQ(DescribeImpersonation(), L"nothing");
 }
 
-// The owner's reports, and whether the guard then reverts to what the thread
-// impersonated before (nothing, or another identity). Under a single user
-// only the groups' attributes tell identities apart.
+// The owner's reports decide whether the guard reverts to what the thread
+// impersonated before (nothing, or another identity).
 TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappened)
 {
     QXTest::RevertAtExit revert;
@@ -295,91 +266,32 @@ TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappen
             EXPECT_EQ(DescribeImpersonation(), reverts ? previous : DescribeToken(b));
             EXPECT_EQ(log.Has(4, saver, L"Not reverting as no impersonation occurred.\n"), !reverts) << log.Dump();
             EXPECT_EQ(log.Has(4, saver, L"Reveting back to saved impersonation state\n"), reverts && before != nullptr);
-            EXPECT_EQ(log.HasFragment(L"Succeeded to revert with ImpersonateLoggedOnUser. Error["), reverts && before != nullptr);
         }
-
-    // Nested guards, left by an exception through one or both, and guards in
-    // sequence: each gets back what it had.
-    const std::wstring identityA = DescribeToken(a);
-    for (int throwAt : {0, 1, 2})
-    {
-        RevertToSelf();
-        try
-        {
-            QXCommon::CImpersonationSaver outer;
-            ASSERT_TRUE(ImpersonateLoggedOnUser(a));
-            try
-            {
-                QXCommon::CImpersonationSaver inner;
-                ASSERT_TRUE(ImpersonateLoggedOnUser(b));
-                inner.SetImpersonationOccurred(TRUE);
-                if (throwAt == 1)
-                    throw std::runtime_error("inner");
-                if (throwAt == 2)
-                    throw 2;
-            }
-            catch (const std::runtime_error&)
-            {
-            }
-            EXPECT_EQ(DescribeImpersonation(), identityA) << throwAt;
-        }
-        catch (int)
-        {
-        }
-        EXPECT_EQ(DescribeImpersonation(), L"nothing") << throwAt;
-    }
-    ASSERT_TRUE(ImpersonateLoggedOnUser(a));
-    for (HANDLE inside : {b.m_h, a.m_h, b.m_h})
-    {
-        QXCommon::CImpersonationSaver guard;
-        ASSERT_TRUE(ImpersonateLoggedOnUser(inside));
-    }
-    EXPECT_EQ(DescribeImpersonation(), identityA);
 }
 
-namespace
-{
-// The privilege's attributes in the process's token; 0xFFFFFFFF when absent.
-DWORD PrivilegeState(HANDLE process, const wchar_t* name)
-{
-    HANDLE tokenHandle = nullptr;
-    LUID luid = {};
-    if (!OpenProcessToken(process, TOKEN_QUERY, &tokenHandle) || !LookupPrivilegeValueW(nullptr, name, &luid))
-        return 0xFFFFFFFF;
-    ATL::CHandle token(tokenHandle);
-    DWORD length = 0;
-    std::unique_ptr<BYTE[]> info(LsaUtil::GetTokenInformation(token, TokenPrivileges, &length));
-    const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(info.get());
-    for (DWORD i = 0; privileges != nullptr && i < privileges->PrivilegeCount; ++i)
-        if (privileges->Privileges[i].Luid.LowPart == luid.LowPart && privileges->Privileges[i].Luid.HighPart == luid.HighPart)
-            return privileges->Privileges[i].Attributes & SE_PRIVILEGE_ENABLED;
-    return 0xFFFFFFFF;
-}
-} // namespace
-
-// A held privilege is turned on and off; one the token lacks (here, and in a
-// child whose token had it removed), an unknown name and a bad process fail
-// with the system's error.
+// A held privilege is turned on and off; one the token lacks (in a child
+// whose token had it removed), an unknown name and a bad process fail with
+// the system's error.
 TEST(LsaPrivilege, EnableHeldMissingAndUnknown)
 {
     const wchar_t* name = L"SeShutdownPrivilege";
-    const DWORD self = GetCurrentProcessId(), before = PrivilegeState(GetCurrentProcess(), name);
+    ATL::CHandle own = ProcessToken();
+    const DWORD self = GetCurrentProcessId(), before = QXTest::PrivilegeAttributes(own, name);
     ASSERT_NE(before, 0xFFFFFFFF) << "the token holds no shutdown privilege";
-    for (BOOL enable : {TRUE, FALSE, TRUE})
+    for (BOOL enable : {TRUE, FALSE})
     {
         EXPECT_TRUE(LsaUtil::EnablePrivilege(self, name, enable));
-        EXPECT_EQ(PrivilegeState(GetCurrentProcess(), name), enable ? DWORD(SE_PRIVILEGE_ENABLED) : 0u);
+        EXPECT_EQ(QXTest::PrivilegeAttributes(own, name) & SE_PRIVILEGE_ENABLED, enable ? DWORD(SE_PRIVILEGE_ENABLED) : 0u);
     }
-    EXPECT_TRUE(LsaUtil::EnablePrivilege(self, name, before != 0));
+    EXPECT_TRUE(LsaUtil::EnablePrivilege(self, name, (before & SE_PRIVILEGE_ENABLED) != 0));
 
     QXTest::ChildProcess child(QXTest::RestrictedProcessToken({}, {L"SeDebugPrivilege"}));
     ASSERT_TRUE(child.Ready());
-    ASSERT_EQ(PrivilegeState(child.Process(), L"SeDebugPrivilege"), 0xFFFFFFFF);
     QXTest::LogCapture log;
-    const std::tuple<DWORD, const wchar_t*, DWORD> cases[] = {
-        {child.Pid(), L"SeDebugPrivilege", ERROR_NOT_ALL_ASSIGNED}, {self, L"SeCreateTokenPrivilege", ERROR_NOT_ALL_ASSIGNED},
-        {self, L"SeNoSuchPrivilege", ERROR_NO_SUCH_PRIVILEGE},      {self, nullptr, ERROR_INVALID_PARAMETER},
-        {0, name, ERROR_INVALID_PARAMETER}};
+    const std::tuple<DWORD, const wchar_t*, DWORD> cases[] = {{child.Pid(), L"SeDebugPrivilege", ERROR_NOT_ALL_ASSIGNED},
+                                                              {self, L"SeNoSuchPrivilege", ERROR_NO_SUCH_PRIVILEGE},
+                                                              {self, nullptr, ERROR_INVALID_PARAMETER},
+                                                              {0, name, ERROR_INVALID_PARAMETER}};
     for (const auto& [pid, privilege, error] : cases)
     {
         EXPECT_FALSE(LsaUtil::EnablePrivilege(pid, privilege, TRUE));
@@ -388,14 +300,12 @@ TEST(LsaPrivilege, EnableHeldMissingAndUnknown)
     EXPECT_LOGGED(log, 1, "LsaUtil::LookupPrivilegeValueCache", L"Failed to find privilege [SeNoSuchPrivilege] in system. Error code [1313]\n");
 }
 
-// Every privilege name, asked by many threads at once, with the cache empty
-// and filled, gives what the system gives.
+// Privilege names asked by many threads at once, with the cache empty and
+// filled, give what the system gives.
 TEST(LsaPrivilege, CachedLookupAgreesWithTheSystemFromManyThreads)
 {
-    const std::vector<std::wstring> names = {L"SeNoSuchPrivilege",   L"SeShutdownPrivilege",  L"SeDebugPrivilege",
-                                             L"SeChangeNotifyPrivilege", L"SeCreateTokenPrivilege", L"SeBackupPrivilege",
-                                             L"SeRestorePrivilege",  L"SeTcbPrivilege",       L"SeImpersonatePrivilege",
-                                             L"SeTakeOwnershipPrivilege", L"SeSecurityPrivilege", L"SeLoadDriverPrivilege"};
+    const std::vector<std::wstring> names = {L"SeNoSuchPrivilege", L"SeBackupPrivilege", L"SeRestorePrivilege", L"SeTcbPrivilege",
+                                             L"SeImpersonatePrivilege", L"SeSecurityPrivilege", L"SeLoadDriverPrivilege"};
     std::atomic<int> disagreements{0};
     std::vector<std::thread> threads;
     for (size_t t = 0; t < 8; ++t)
@@ -415,8 +325,8 @@ TEST(LsaPrivilege, CachedLookupAgreesWithTheSystemFromManyThreads)
     EXPECT_EQ(disagreements, 0);
 }
 
-// Token information, account SIDs (heap blocks), the Administrators group in
-// one block with its SID, and LSA strings up to their limit.
+// Token information, account SIDs, the Administrators group in one heap
+// block with its SID, and LSA strings up to their limit.
 TEST(LsaUtil, TokenInformationAccountsGroupsAndStrings)
 {
     DWORD length = 0;
@@ -471,7 +381,7 @@ std::wstring ExpectedKey(DWORD pid, HANDLE process)
     return std::to_wstring(pid) + L"-" + std::to_wstring(created.dwHighDateTime) + L"-" + std::to_wstring(created.dwLowDateTime);
 }
 
-// Lends a handle of its own when given one; makes the handle slots public.
+// Lends a handle of its own when given one.
 struct LendingIdentity : CProcessIDAndCreateTime
 {
     HANDLE lent = nullptr;
@@ -495,71 +405,42 @@ DWORD EndAndWaitUntilGone(QXTest::ChildProcess& child)
     return pid;
 }
 
-// Makes a freed id the next one the system hands out. Wine reuses freed ids
-// first in, first out, and a thread that ends here puts its id back at the
-// end of that queue: threads are made and ended until one receives the id,
-// then until one receives the id freed just before it. False when the id
-// does not come round.
-bool QueueIdNext(DWORD id)
-{
-    DWORD wanted = id, previous = 0;
-    for (int round = 0; round < 2; ++round)
-    {
-        bool found = false;
-        for (int i = 0; i < 20000 && !found; ++i)
-        {
-            DWORD got = 0;
-            ATL::CHandle thread(CreateThread(nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, &got));
-            WaitForSingleObject(thread, INFINITE);
-            found = got == wanted;
-            previous = found ? previous : got;
-        }
-        if (!found || previous == 0)
-            return false;
-        wanted = previous;
-    }
-    return true;
-}
 } // namespace
 
-// Two objects for one live child agree with the system's creation time and
-// with copies, which keep the key after the process ends.
+// Keys agree with the system's creation time; copies keep them after the
+// process ends.
 TEST(ProcessIdentity, KeysOfLiveProcessesMatchTheSystemsCreationTime)
 {
     QXTest::ChildProcess child;
     ASSERT_TRUE(child.Ready());
-    CProcessIDAndCreateTime first, second, own;
-    QXTest::LogCapture log;
-    ASSERT_EQ(first.Initialise(child.Pid()) + second.Initialise(child.Pid()) + own.Initialise(), 0u);
-    const std::wstring key = ExpectedKey(child.Pid(), child.Process());
-    EXPECT_EQ(first.GetProcessIDAndCreateTime() + second.GetProcessIDAndCreateTime(), key + key);
-    EXPECT_EQ(own.GetProcessIDAndCreateTime(), ExpectedKey(GetCurrentProcessId(), GetCurrentProcess()));
-    EXPECT_LOGGED(log, 4, std::string(Identity) + "Initialise", L"Process ID and create time string created: [" + key + L"]\n");
+    CProcessIDAndCreateTime first, own;
+    ASSERT_EQ(first.Initialise(child.Pid()) + own.Initialise(), 0u);
+    const std::wstring key = ExpectedKey(child.Pid(), child.Process()), ownKey = ExpectedKey(GetCurrentProcessId(), GetCurrentProcess());
+    EXPECT_EQ(first.GetProcessIDAndCreateTime() + own.GetProcessIDAndCreateTime(), key + ownKey);
     std::wstring keyOut;
     DWORD pid = 0;
-    FILETIME created = {}, expected, unused;
-    GetProcessTimes(child.Process(), &expected, &unused, &unused, &unused);
+    FILETIME created = {};
     EXPECT_EQ(first.GetProcessIDAndCreateTime(keyOut) + first.GetProcessID(pid) + first.GetProcessStartTime(created), 0u);
-    EXPECT_EQ(keyOut + L"/" + std::to_wstring(pid), key + L"/" + std::to_wstring(child.Pid()));
-    EXPECT_EQ(CompareFileTime(&created, &expected), 0);
+    EXPECT_EQ(keyOut + L"|" + std::to_wstring(pid) + L"-" + std::to_wstring(created.dwHighDateTime) + L"-" + std::to_wstring(created.dwLowDateTime),
+              key + L"|" + key);
     CProcessIDAndCreateTime copy(first), assigned;
-    assigned = second;
+    assigned = first;
     child.Finish();
     EXPECT_TRUE(copy.IsValid() && assigned.IsValid());
     EXPECT_EQ(copy.GetProcessIDAndCreateTime() + assigned.GetProcessIDAndCreateTime(), key + key);
     EXPECT_EQ(first.Clear(), 0u);
-    EXPECT_FALSE(first.IsValid());
+    EXPECT_FALSE(first.IsValid() || CProcessIDAndCreateTime().IsValid()); // cleared, and never initialised
     EXPECT_EQ(first.GetProcessIDAndCreateTime() + std::to_wstring(first.GetProcessID()), L"0");
 }
 
-// An id that names no process (never, or no longer): the open's error, an
-// object left empty, and accessors that refuse with 13 and touch nothing.
+// An id that names no process (never, or no longer) leaves the object empty;
+// its accessors refuse with 13 and touch nothing.
 TEST(ProcessIdentity, IdsThatCannotBeOpened)
 {
     QXTest::ChildProcess ended;
     ASSERT_TRUE(ended.Ready());
     const DWORD endedPid = EndAndWaitUntilGone(ended);
-    for (DWORD pid : {DWORD(0), DWORD(0xFFFFFFF0), endedPid})
+    for (DWORD pid : {DWORD(0), endedPid})
     {
         CProcessIDAndCreateTime identity;
         ASSERT_EQ(identity.Initialise(GetCurrentProcessId()), 0u);
@@ -578,9 +459,8 @@ TEST(ProcessIdentity, IdsThatCannotBeOpened)
     }
 }
 
-// The held handle is handed out twice, a foreign one is refused with 6, null
-// releases the held one, Clear closes it; a derived class lends a handle,
-// and one that is no process gives GetProcessTimes' own error.
+// The held handle is handed out twice, a foreign one is refused, Clear closes
+// it; a lent handle that is no process gives GetProcessTimes' own error.
 TEST(ProcessIdentity, LentHandleRules)
 {
     LendingIdentity identity;
@@ -613,38 +493,10 @@ TEST(ProcessIdentity, LentHandleRules)
     EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty());
 }
 
-// A process ends and a later one receives its id: the keys differ, each
-// matching its own process's creation time.
-TEST(ProcessIdentity, ReusedIdGetsANewKey)
-{
-    for (int attempt = 0; attempt < 3; ++attempt)
-    {
-        QXTest::ChildProcess first;
-        ASSERT_TRUE(first.Ready());
-        CProcessIDAndCreateTime before;
-        ASSERT_EQ(before.Initialise(first.Pid()), 0u);
-        ASSERT_EQ(before.GetProcessIDAndCreateTime(), ExpectedKey(first.Pid(), first.Process()));
-        const DWORD pid = EndAndWaitUntilGone(first);
-        if (!QueueIdNext(pid))
-            continue;
-        QXTest::ChildProcess second;
-        ASSERT_TRUE(second.Ready());
-        if (second.Pid() != pid)
-            continue;
-        CProcessIDAndCreateTime after;
-        ASSERT_EQ(after.Initialise(pid), 0u);
-        EXPECT_EQ(after.GetProcessIDAndCreateTime(), ExpectedKey(pid, second.Process()));
-        EXPECT_NE(after.GetProcessIDAndCreateTime(), before.GetProcessIDAndCreateTime());
-        return;
-    }
-    GTEST_SKIP() << "no process id was reused within three attempts";
-}
-
-// Ten thousand calls of every function that opens handles, on its success
-// and failure paths in turn, leave this process's handles as they were and
-// no thread impersonating. Each function runs alone, after a first call: a
-// function that first contends for a lock with another thread may make the
-// lock's wait object then, which is no leak but would move the count.
+// Repeated calls of every function that opens handles, on its success and
+// failure paths in turn, leave the handles as they were and no thread
+// impersonating. Each function runs alone, after a first call, so that a
+// lock's wait object made on first contention is not counted.
 TEST(TokenLeaks, RepeatedCallsKeepTheHandleCount)
 {
     QXTest::RevertAtExit revert;
@@ -672,7 +524,7 @@ TEST(TokenLeaks, RepeatedCallsKeepTheHandleCount)
         call(0);
         call(1);
         const size_t before = QXTest::OpenHandleCount();
-        for (int i = 0; i < 10000; ++i)
+        for (int i = 0; i < 200; ++i)
             call(i % 2);
         RevertToSelf();
         EXPECT_EQ(QXTest::OpenHandleCount(), before) << name;
@@ -680,8 +532,7 @@ TEST(TokenLeaks, RepeatedCallsKeepTheHandleCount)
     EXPECT_EQ(DescribeImpersonation() + DescribeImpersonation(plain.handle), L"nothingnothing");
 }
 
-// qxinspect's token and process commands, run as the tool is run: a child
-// under a restricted token, and this process's own identity key.
+// qxinspect's token and process commands on a child under a restricted token.
 TEST(Inspect, TokenAndProcess)
 {
     ATL::CHandle restricted = QXTest::AdminDenyOnlyToken();
