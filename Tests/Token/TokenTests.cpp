@@ -524,7 +524,7 @@ TEST(TokenLeaks, RepeatedCallsKeepTheHandleCount)
         call(0);
         call(1);
         const size_t before = QXTest::OpenHandleCount();
-        for (int i = 0; i < 200; ++i)
+        for (int i = 0; i < 10000; ++i)
             call(i % 2);
         RevertToSelf();
         EXPECT_EQ(QXTest::OpenHandleCount(), before) << name;
