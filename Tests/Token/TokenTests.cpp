@@ -267,6 +267,44 @@ TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappen
             EXPECT_EQ(log.Has(4, saver, L"Not reverting as no impersonation occurred.\n"), !reverts) << log.Dump();
             EXPECT_EQ(log.Has(4, saver, L"Reveting back to saved impersonation state\n"), reverts && before != nullptr);
         }
+
+    // Nested guards, left by an exception through one or both, and guards in
+    // sequence: each gets back what it had.
+    const std::wstring identityA = DescribeToken(a);
+    for (int throwAt : {0, 1, 2})
+    {
+        RevertToSelf();
+        try
+        {
+            QXCommon::CImpersonationSaver outer;
+            ASSERT_TRUE(ImpersonateLoggedOnUser(a));
+            try
+            {
+                QXCommon::CImpersonationSaver inner;
+                ASSERT_TRUE(ImpersonateLoggedOnUser(b));
+                inner.SetImpersonationOccurred(TRUE);
+                if (throwAt == 1)
+                    throw std::runtime_error("inner");
+                if (throwAt == 2)
+                    throw 2;
+            }
+            catch (const std::runtime_error&)
+            {
+            }
+            EXPECT_EQ(DescribeImpersonation(), identityA) << throwAt;
+        }
+        catch (int)
+        {
+        }
+        EXPECT_EQ(DescribeImpersonation(), L"nothing") << throwAt;
+    }
+    ASSERT_TRUE(ImpersonateLoggedOnUser(a));
+    for (HANDLE inside : {b.m_h, a.m_h, b.m_h})
+    {
+        QXCommon::CImpersonationSaver guard;
+        ASSERT_TRUE(ImpersonateLoggedOnUser(inside));
+    }
+    EXPECT_EQ(DescribeImpersonation(), identityA);
 }
 
 // A held privilege is turned on and off; one the token lacks (in a child
@@ -405,6 +443,31 @@ DWORD EndAndWaitUntilGone(QXTest::ChildProcess& child)
     return pid;
 }
 
+// Makes a freed id the next one the system hands out. Wine reuses freed ids
+// first in, first out, and a thread that ends here puts its id back at the
+// end of that queue: threads are made and ended until one receives the id,
+// then until one receives the id freed just before it. False when the id
+// does not come round.
+bool QueueIdNext(DWORD id)
+{
+    DWORD wanted = id, previous = 0;
+    for (int round = 0; round < 2; ++round)
+    {
+        bool found = false;
+        for (int i = 0; i < 20000 && !found; ++i)
+        {
+            DWORD got = 0;
+            ATL::CHandle thread(CreateThread(nullptr, 0, [](void*) -> DWORD { return 0; }, nullptr, 0, &got));
+            WaitForSingleObject(thread, INFINITE);
+            found = got == wanted;
+            previous = found ? previous : got;
+        }
+        if (!found || previous == 0)
+            return false;
+        wanted = previous;
+    }
+    return true;
+}
 } // namespace
 
 // Keys agree with the system's creation time; copies keep them after the
@@ -491,6 +554,31 @@ TEST(ProcessIdentity, LentHandleRules)
     EXPECT_EQ(identity.Initialise(child.Pid()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_LOGGED(log, 1, std::string(Identity) + "Initialise", L"Get process times failed. error [6]\n");
     EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty());
+}
+
+TEST(ProcessIdentity, ReusedIdGetsANewKey)
+{
+    for (int attempt = 0; attempt < 3; ++attempt)
+    {
+        QXTest::ChildProcess first;
+        ASSERT_TRUE(first.Ready());
+        CProcessIDAndCreateTime before;
+        ASSERT_EQ(before.Initialise(first.Pid()), 0u);
+        ASSERT_EQ(before.GetProcessIDAndCreateTime(), ExpectedKey(first.Pid(), first.Process()));
+        const DWORD pid = EndAndWaitUntilGone(first);
+        if (!QueueIdNext(pid))
+            continue;
+        QXTest::ChildProcess second;
+        ASSERT_TRUE(second.Ready());
+        if (second.Pid() != pid)
+            continue;
+        CProcessIDAndCreateTime after;
+        ASSERT_EQ(after.Initialise(pid), 0u);
+        EXPECT_EQ(after.GetProcessIDAndCreateTime(), ExpectedKey(pid, second.Process()));
+        EXPECT_NE(after.GetProcessIDAndCreateTime(), before.GetProcessIDAndCreateTime());
+        return;
+    }
+    GTEST_SKIP() << "no process id was reused within three attempts";
 }
 
 // Repeated calls of every function that opens handles, on its success and
