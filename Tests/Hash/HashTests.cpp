@@ -91,8 +91,10 @@ std::string Loaded(const QXCommon::CDataLoader& loader)
 // text and the system error.
 TEST(FileHash, KnownAnswersAndFilesThatCannotBeRead)
 {
-    const size_t sizes[] = {0, 1, 32769, Cap - 1, Cap, Cap + 1, 2 * Cap};
-    const std::string content = RandomBytes(2 * Cap);
+    // Around the update's 8-byte and 32,768-byte steps, the cap, and a 20 MiB
+    // file whose identity is its first 8 MiB.
+    const size_t sizes[] = {0, 1, 7, 8, 9, 32767, 32768, 32769, Cap - 1, Cap, Cap + 1, 20 * MiB};
+    const std::string content = RandomBytes(20 * MiB);
     QXTest::TempDir dir;
     for (size_t size : sizes)
         dir.Write(std::to_wstring(size), content.substr(0, size));
@@ -442,4 +444,30 @@ TEST(HashCache, SlotLifeCycleAndBorrowedProvider)
     }).join();
     EXPECT_TRUE(HashStrategyShaCacheHelper::UninitTLS());
     EXPECT_FALSE(HashStrategyShaCacheHelper::UninitTLS());
+}
+
+// Worker threads, each with its own provider, hash different files at once.
+TEST(HashCache, WorkerThreadsHashDifferentFilesAtOnce)
+{
+    QXTest::TempDir dir;
+    std::vector<std::wstring> paths, expected;
+    for (int k = 0; k < 16; ++k)
+    {
+        const std::string bytes = RandomBytes(20000 + 1000 * k, 100 + k);
+        paths.push_back(dir.Write(std::to_wstring(k), bytes));
+        expected.push_back(Reference(Sha256, bytes));
+    }
+    Force(Sha256);
+    ASSERT_TRUE(HashStrategyShaCacheHelper::InitTLS());
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            ASSERT_TRUE(HashStrategyShaCacheHelper::CreateSharedContext());
+            for (size_t k = 0; k < 10 * paths.size(); ++k)
+                EXPECT_EQ(QXCommonFunctions::GenerateFileHash(paths[(k + t) % paths.size()]), expected[(k + t) % paths.size()]);
+            EXPECT_TRUE(HashStrategyShaCacheHelper::DestroySharedContext());
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_TRUE(HashStrategyShaCacheHelper::UninitTLS());
 }
