@@ -428,7 +428,18 @@ TEST(Findings, ExplodingExpressionsGetTheirAnswerOrTheBudgetError)
 // parse result depends on the expression alone, not on the thread.
 TEST(Findings, NonAsciiCharactersAreLiteralsOnEveryThread)
 {
+    // Escaped text, a glob and an expanded folder name with fullwidth look-alikes.
     CQXRegEx regex;
+    ASSERT_TRUE(regex.Parse(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(L"a\xFF09")));
+    EXPECT_TRUE(regex.Match(L"xa\xFF09y"));
+    GlobWildcardString glob;
+    ASSERT_TRUE(glob.Parse(L"/\xFF5C" L"E\\.dl"));
+    EXPECT_TRUE(glob.Match(L"/\xFF5C" L"e\\.DL") && !glob.Match(L""));
+    CEnvironmentEx env;
+    std::wstring rx;
+    ASSERT_EQ(env.Add(L"Folder", L"C:\\Data \xFF08" L"2024\xFF09"), 1);
+    ASSERT_EQ(env.ExpandRxString(L"^%folder%\\\\", rx), 1);
+    EXPECT_TRUE(regex.Parse(rx) && regex.Match(L"C:\\Data \xFF08" L"2024\xFF09\\x.exe"));
     std::vector<unsigned> wrong;
     for (unsigned c = 0x80; c <= 0xFFFF; ++c)
     {
@@ -460,7 +471,7 @@ TEST(Findings, ImageCheckOnDevicesAndCraftedHeaders)
 {
     ATL::CHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\qxrobust_image", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
     ASSERT_NE(pipe.m_h, INVALID_HANDLE_VALUE);
-    const wchar_t* const devices[] = {L"COM1", L"CON", L"NUL", L"CONIN$", L"\\\\.\\pipe\\qxrobust_image"};
+    const wchar_t* const devices[] = {L"COM1", L"AUX", L"CON", L"NUL", L"CONIN$", L"\\\\.\\pipe\\qxrobust_image"};
     OnSmallStack(
         std::size(devices),
         [&](size_t i) {
