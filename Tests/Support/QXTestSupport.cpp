@@ -118,18 +118,17 @@ std::wstring TempDir::MakeDir(const std::wstring& name) const
     return path;
 }
 
-TestRegKey::TestRegKey(HKEY root, const std::wstring& parent) : m_root(root), m_key(nullptr)
+TestRegKey::TestRegKey() : m_subKey(Unique(L"Software\\QXCommonTests\\"))
 {
-    m_subKey = Unique(parent + L"\\");
-    Check(RegCreateKeyExW(root, m_subKey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr),
+    Check(RegCreateKeyExW(Root(), m_subKey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr),
           "RegCreateKeyExW");
 }
 
 TestRegKey::~TestRegKey()
 {
     RegCloseKey(m_key);
-    RegDeleteTreeW(m_root, m_subKey.c_str());
-    RegDeleteKeyW(m_root, m_subKey.c_str());
+    RegDeleteTreeW(Root(), m_subKey.c_str());
+    RegDeleteKeyW(Root(), m_subKey.c_str());
 }
 
 void TestRegKey::SetRaw(const std::wstring& name, DWORD type, const void* data, DWORD bytes) const
@@ -212,7 +211,6 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDL
     result.started = true;
     if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT)
     {
-        result.timedOut = true;
         TerminateProcess(process, 0xDEAD);
         WaitForSingleObject(process, 5000);
     }

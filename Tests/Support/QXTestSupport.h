@@ -83,30 +83,29 @@ private:
     std::wstring m_path;
 };
 
-// A registry key made for one test (under HKCU\Software\QXCommonTests by
-// default), deleted with its sub-keys on destruction.
+// A registry key made for one test under HKCU\Software\QXCommonTests,
+// deleted with its sub-keys on destruction.
 class TestRegKey : NoCopy
 {
 public:
-    explicit TestRegKey(HKEY root = HKEY_CURRENT_USER, const std::wstring& parent = L"Software\\QXCommonTests");
+    TestRegKey();
     ~TestRegKey();
 
-    HKEY Root() const { return m_root; }
+    HKEY Root() const { return HKEY_CURRENT_USER; }
     HKEY Handle() const { return m_key; }
     const std::wstring& SubKey() const { return m_subKey; } // relative to Root()
     // Writes a value with exactly these bytes and this type.
     void SetRaw(const std::wstring& name, DWORD type, const void* data, DWORD bytes) const;
-    void SetString(const std::wstring& name, const std::wstring& value, DWORD type = REG_SZ) const
+    void SetString(const std::wstring& name, const std::wstring& value) const
     {
-        SetRaw(name, type, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+        SetRaw(name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
     }
     void SetDword(const std::wstring& name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
     void CreateSubKey(const std::wstring& name) const;
 
 private:
-    HKEY m_root;
     std::wstring m_subKey;
-    HKEY m_key;
+    HKEY m_key = nullptr;
 };
 
 // A registry value that is put back as it was on destruction (removed when
@@ -136,7 +135,7 @@ struct ProcessResult
 {
     DWORD exitCode = 0xFFFFFFFF;
     std::string output; // standard output and standard error, as bytes
-    bool started = false, timedOut = false;
+    bool started = false;
 };
 
 // The folder of the running test executable (helper programs live there).
@@ -158,7 +157,7 @@ inline ProcessResult RunInspect(const std::wstring& arguments)
 uintptr_t NextHandleSlot();
 
 // Points every import of dll!function in a loaded module at a replacement
-// while the object lives. Original() is what the import pointed at before.
+// while the object lives.
 class ImportPatch : NoCopy
 {
 public:
@@ -166,7 +165,6 @@ public:
     ~ImportPatch();
 
     bool Installed() const { return !m_entries.empty(); }
-    void* Original() const { return m_original; }
 
 private:
     std::vector<void**> m_entries;

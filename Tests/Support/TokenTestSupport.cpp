@@ -164,7 +164,6 @@ ChildProcess::ChildProcess(HANDLE token)
         m_process.Attach(pi.hProcess);
         m_thread.Attach(pi.hThread);
         m_pid = pi.dwProcessId;
-        m_tid = pi.dwThreadId;
         childOutput.Close();
         char line[64] = {};
         DWORD read = 0;

@@ -70,7 +70,6 @@ public:
 
     bool Ready() const { return m_ready; } // started and printed its ids
     DWORD Pid() const { return m_pid; }
-    DWORD Tid() const { return m_tid; }    // its main thread
     HANDLE Process() const { return m_process; }
     // Lets the child end, waits for it and returns its exit code.
     DWORD Finish();
@@ -83,7 +82,6 @@ private:
     ATL::CHandle m_process;
     ATL::CHandle m_thread;
     DWORD m_pid = 0;
-    DWORD m_tid = 0;
     bool m_ready = false;
 };
 } // namespace QXTest

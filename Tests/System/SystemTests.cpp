@@ -1,11 +1,5 @@
-// The system around the library: GetCurrentOS over the versions Wine
-// emulates, WOW64 and redirection, version conditions, qxinspect's commands;
-// registry values written byte for byte and read through every reader, sub-key
-// enumeration, virtual dispatch; texts of result codes, GUIDs, the event log.
-// `qxinspect --json os` prints GetCurrentOS beside the version the system
-// reports. Wine takes the version from HKCU\Software\Wine\AppDefaults\<exe>\Version
-// or, when none is set, from the prefix's HKLM CurrentVersion/CurrentBuildNumber/
-// ProductOptions (the only way to get server editions it has no name for).
+// The system around the library: OS version and WOW64, qxinspect's commands,
+// registry readers, texts of result codes, GUIDs, the event log.
 
 #include "QXLog.h"
 #include "QXTestSupport.h"
@@ -48,28 +42,29 @@ DWORD ExpectedBits(unsigned major, unsigned minor, bool workstation)
 
 TEST(CurrentOS, EachVersionGivesItsBit)
 {
-    struct Case { const wchar_t *wineVersion, *currentVersion, *build, *productOptions; unsigned major, minor; int workstation; };
-    const Case cases[] = { // a Wine version, or the registry's; workstation -1: whichever Wine reports
-        {L"win7", nullptr, nullptr, nullptr, 6, 1, -1},    {L"win2008r2", nullptr, nullptr, nullptr, 6, 1, -1},
-        {L"win8", nullptr, nullptr, nullptr, 6, 2, 1},     {L"win81", nullptr, nullptr, nullptr, 6, 3, 1},
-        {L"win10", nullptr, nullptr, nullptr, 10, 0, 1},   {L"win2008", nullptr, nullptr, nullptr, 6, 0, 0},
-        {L"win2003", nullptr, nullptr, nullptr, 5, 2, 0},  {nullptr, L"6.1", L"7601", L"WinNT", 6, 1, 1},
-        {nullptr, L"6.1", L"7601", L"ServerNT", 6, 1, 0},  {nullptr, L"6.2", L"9200", L"ServerNT", 6, 2, 0},
-        {nullptr, L"6.3", L"9600", L"ServerNT", 6, 3, 0},  {nullptr, L"10.0", L"14393", L"ServerNT", 10, 0, 0},
-        {nullptr, L"10.0", L"19041", L"WinNT", 10, 0, 1},
+    // Wine reports the version named under AppDefaults for the program or, with
+    // none, the prefix's CurrentVersion, build and ProductOptions (its only way
+    // to server editions it has no name for).
+    struct Case { const wchar_t *version, *build, *productOptions; unsigned major, minor; int workstation; };
+    const Case cases[] = { // no build: a Wine version name; workstation -1: whichever Wine reports
+        {L"win7", nullptr, nullptr, 6, 1, -1},         {L"win8", nullptr, nullptr, 6, 2, 1},
+        {L"win81", nullptr, nullptr, 6, 3, 1},         {L"win10", nullptr, nullptr, 10, 0, 1},
+        {L"win2008", nullptr, nullptr, 6, 0, 0},       {L"win2003", nullptr, nullptr, 5, 2, 0},
+        {L"6.1", L"7601", L"WinNT", 6, 1, 1},          {L"6.1", L"7601", L"ServerNT", 6, 1, 0},
+        {L"6.2", L"9200", L"ServerNT", 6, 2, 0},       {L"6.3", L"9600", L"ServerNT", 6, 3, 0},
+        {L"10.0", L"14393", L"ServerNT", 10, 0, 0},    {L"10.0", L"19041", L"WinNT", 10, 0, 1},
     };
-    QXTest::SavedRegValue currentVersion(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentVersion");
-    QXTest::SavedRegValue currentBuild(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentBuildNumber");
-    QXTest::SavedRegValue productType(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\ProductOptions",
-                                      L"ProductType");
-    QXTest::SavedRegValue appDefaults(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\qxinspect.exe", L"Version");
+    QXTest::SavedRegValue currentVersion(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentVersion"),
+        currentBuild(HKEY_LOCAL_MACHINE, CurrentVersionKey, L"CurrentBuildNumber"),
+        productType(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\ProductOptions", L"ProductType"),
+        appDefaults(HKEY_CURRENT_USER, L"Software\\Wine\\AppDefaults\\qxinspect.exe", L"Version");
     int checked = 0;
     for (const auto& c : cases)
     {
-        const std::string name = QXTest::Narrow(c.wineVersion ? c.wineVersion : c.currentVersion);
-        ASSERT_TRUE(c.wineVersion ? appDefaults.SetString(c.wineVersion) : appDefaults.Set(REG_NONE));
-        ASSERT_TRUE(c.wineVersion || (currentVersion.SetString(c.currentVersion) && currentBuild.SetString(c.build) &&
-                                      productType.SetString(c.productOptions)));
+        const std::string name = QXTest::Narrow(c.version);
+        ASSERT_TRUE(c.build ? appDefaults.Set(REG_NONE) && currentVersion.SetString(c.version) &&
+                                  currentBuild.SetString(c.build) && productType.SetString(c.productOptions)
+                            : appDefaults.SetString(c.version));
         const std::string out = QXTest::RunInspect(L"--json os").output;
         auto after = [&out](const char* key) { size_t at = out.find(key); return at == out.npos ? "" : &out[at + strlen(key)]; };
         unsigned major = 0, minor = 0;
@@ -82,8 +77,6 @@ TEST(CurrentOS, EachVersionGivesItsBit)
             continue;
         }
         EXPECT_EQ(std::strtoul(after("\"os\": "), nullptr, 10), ExpectedBits(major, minor, workstation)) << out;
-        for (const char* fragment : {"\"is64BitArchitecture\": true", "\"isWow64\": false", "\"fsRedirectionEnabled\": false"})
-            EXPECT_NE(out.find(fragment), out.npos) << name << ": " << out;
         ++checked;
     }
     EXPECT_GE(checked, 8);
@@ -157,11 +150,9 @@ TEST(Wow64, ThirtyTwoBitProcessAsTheSystemDescribesIt)
         EXPECT_EQ(g_redirection, wasOn); // turned off again only by the guard that turned it on
     }
     EXPECT_TRUE(QXWow64RevertWow64FsRedirection(nullptr));
-    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::CWOW64FSRedirectEnabler",
-                  L"WOW64 Process with FS Redirection Disabled - Trying to re-enable\n");
-    EXPECT_LOGGED(capture, 4, "QXCommon::CWOW64FSRedirectEnabler::RevertToOriginalState",
-                  L"FS Redirection enabled by us - Trying to disable again\n");
-    EXPECT_EQ(capture.Count(), 2u) << capture.Dump();
+    EXPECT_TRUE(capture.Count() == 2u && capture.Has(4, "QXCommon::CWOW64FSRedirectEnabler::RevertToOriginalState",
+                                                     L"FS Redirection enabled by us - Trying to disable again\n"))
+        << capture.Dump();
 }
 
 TEST(OSVersionHelper, ConditionsAgainstTheRunningSystem)
@@ -204,8 +195,7 @@ TEST(Inspect, CommandsAndExitCodes)
         {L"guid --canonicalize abc", 0, {"{ABC}"}}, {L"guid", 0, {"{", "-", "}"}},
         // The child's argument is: "C:\Program Files\a.exe" /open notepad.exe
         {L"--json split \"\\\"C:\\Program Files\\a.exe\\\" /open notepad.exe\"", 0,
-         {"\"split\": true", "\"module\": \"C:\\\\Program Files\\\\a.exe\"", "\"arguments\": \"/open notepad.exe\"",
-          "\"expanded\": \"/open ", "notepad.exe\""}},
+         {"\"module\": \"C:\\\\Program Files\\\\a.exe\"", "\"arguments\": \"/open notepad.exe\"", "\"expanded\": \"/open "}},
         {L"split cmd /c x", 1, {"qxinspect: no program found"}},
         {L"expand \"%SYSTEMROOT%\\x.exe\"", 0, {root + "\\x.exe\n"}},
         {L"expand \"%NoSuchVariable%\\x\"", 1, {"%NoSuchVariable%\\x\n"}},
@@ -216,18 +206,17 @@ TEST(Inspect, CommandsAndExitCodes)
         {L"match C:\\Windows\\notepad.exe NOTEPAD.EXE", 0, {"name"}},
         {L"match --kind wildcard C:\\Windows\\System32\\notepad.exe C:\\*\\notepad.exe", 1, {}},
     };
-    for (const Case& c : cases)
+    // Refused on stderr, under the program's name.
+    std::vector<Case> all(std::begin(cases), std::end(cases));
+    for (const wchar_t* usage : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize", L"split",
+                                 L"expand", L"expand --pid nonsense x", L"match onlyone"})
+        all.push_back({usage, 2, {"qxinspect: "}});
+    for (const Case& c : all)
     {
         auto run = QXTest::RunInspect(c.arguments);
         EXPECT_EQ(run.exitCode, c.exitCode) << QXTest::Narrow(c.arguments) << "\n" << run.output;
         for (const auto& fragment : c.fragments)
             EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
-    }
-    for (const wchar_t* usage : {L"error", L"error notanumber", L"exe", L"os extra", L"guid --canonicalize", L"split",
-                                 L"expand", L"expand --pid nonsense x", L"match onlyone"})
-    {
-        auto run = QXTest::RunInspect(usage); // refused on stderr, under the program's name
-        EXPECT_TRUE(run.exitCode == 2 && run.output.find("qxinspect: ") != run.output.npos) << QXTest::Narrow(usage) << run.output;
     }
 }
 
@@ -239,9 +228,15 @@ std::string Bytes(const std::wstring& text, bool withNul, size_t dropBytes = 0)
     return std::string(reinterpret_cast<const char*>(text.c_str()),
                        (text.size() + (withNul ? 1 : 0)) * sizeof(wchar_t) - dropBytes);
 }
+
+struct Registry : testing::Test
+{
+    QXTest::TestRegKey key;
+    CRegistryHelper helper;
+};
 } // namespace
 
-TEST(Registry, StringAndDwordValuesThroughEveryReader)
+TEST_F(Registry, StringAndDwordValuesThroughEveryReader)
 {
     struct Case { const char* name; DWORD type; std::string data; DWORD status; bool helperOk; std::wstring expected; };
     const std::wstring s259(259, L'x'), s260(260, L'y');
@@ -252,24 +247,17 @@ TEST(Registry, StringAndDwordValuesThroughEveryReader)
         {"no_terminating_nul", REG_SZ, Bytes(L"abc", false), ERROR_INVALID_DATA, false, L""},
         {"odd_count_3", REG_SZ, Bytes(L"a", true, 1), ERROR_INVALID_DATA, false, L""},
         {"odd_count_with_nul", REG_SZ, Bytes(L"ab", true) + "z", ERROR_INVALID_DATA, false, L""},
-        {"single_byte", REG_SZ, "q", ERROR_INVALID_DATA, false, L""},
         {"embedded_nul_ends_text", REG_SZ, Bytes(std::wstring(L"ab\0cd", 5), true), 0, true, L"ab"},
         {"chars259", REG_SZ, Bytes(s259, true), 0, true, s259}, {"chars260", REG_SZ, Bytes(s260, true), 0, false, s260},
-        {"chars260_no_nul", REG_SZ, Bytes(s260, false), ERROR_INVALID_DATA, false, L""},
         {"dword_type", REG_DWORD, std::string("\x01\x00\x00\x00", 4), ERROR_INVALID_DATA, false, L""},
-        {"binary_type", REG_BINARY, Bytes(L"text", true), ERROR_INVALID_DATA, false, L""},
         {"multi_sz_type", REG_MULTI_SZ, Bytes(L"a", true) + std::string(2, '\0'), ERROR_INVALID_DATA, false, L""},
     };
-    QXTest::TestRegKey key;
     for (const auto& c : cases)
     {
-        // RegSetValueExW quietly counts a NUL that follows the given bytes of
-        // a string value (Windows does this too): follow them with a non-NUL
-        // character so that exactly these bytes are stored.
+        // RegSetValueExW counts a NUL that follows a string's bytes: a non-NUL after them stores exactly these.
         const std::string stored = c.data + "!!";
         key.SetRaw(QXTest::Widen(c.name), c.type, stored.data(), static_cast<DWORD>(c.data.size()));
     }
-    CRegistryHelper helper;
     ATL::CRegKey open;
     ASSERT_EQ(open.Open(key.Root(), key.SubKey().c_str(), KEY_READ), ERROR_SUCCESS);
     for (const auto& c : cases)
@@ -277,34 +265,31 @@ TEST(Registry, StringAndDwordValuesThroughEveryReader)
         SCOPED_TRACE(c.name);
         const std::wstring name = QXTest::Widen(c.name);
         std::wstring viaFunction = L"untouched", viaHelper = L"untouched";
-        EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, name.c_str(), viaFunction), c.status);
-        EXPECT_EQ(viaFunction, c.status == 0 ? c.expected : L"untouched");
-        EXPECT_EQ(helper.QueryRegKey(open, name, viaHelper), c.helperOk);
-        EXPECT_EQ(viaHelper, c.helperOk ? c.expected : L"untouched");
+        EXPECT_TRUE(QXCommonFunctions::RegQueryStringValue(open, name.c_str(), viaFunction) == c.status &&
+                    viaFunction == (c.status == 0 ? c.expected : L"untouched")) << QXTest::Narrow(viaFunction);
+        EXPECT_TRUE(helper.QueryRegKey(open, name, viaHelper) == c.helperOk &&
+                    viaHelper == (c.helperOk ? c.expected : L"untouched")) << QXTest::Narrow(viaHelper);
     }
     std::wstring value;
     EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, L"absent", value), DWORD(ERROR_FILE_NOT_FOUND));
     EXPECT_FALSE(helper.QueryRegKey(open, L"absent", value));
     key.SetString(L"", L"default text");
-    EXPECT_EQ(QXCommonFunctions::RegQueryStringValue(open, nullptr, value), 0u);
-    EXPECT_EQ(value, L"default text");
+    EXPECT_TRUE(QXCommonFunctions::RegQueryStringValue(open, nullptr, value) == 0 && value == L"default text");
 
-    // DWORD values: wrong type, eight bytes, absent: refused, value untouched.
+    // DWORD values: another type (also of four bytes), eight bytes, absent: refused, value untouched.
     key.SetDword(L"number", 0xDEADBEEF);
     const unsigned long long wide = 7;
     key.SetRaw(L"qword", REG_QWORD, &wide, sizeof(wide));
+    key.SetRaw(L"binary4", REG_BINARY, &wide, 4);
     DWORD number = 0;
-    EXPECT_TRUE(helper.QueryRegKeyDWORD(key.Handle(), L"number", number));
-    EXPECT_EQ(number, 0xDEADBEEFu);
-    for (const wchar_t* name : {L"plain", L"qword", L"absent"})
+    EXPECT_TRUE(helper.QueryRegKeyDWORD(key.Handle(), L"number", number) && number == 0xDEADBEEFu);
+    for (const wchar_t* name : {L"plain", L"qword", L"binary4", L"absent"})
         EXPECT_FALSE(helper.QueryRegKeyDWORD(key.Handle(), name, number)) << QXTest::Narrow(name);
     EXPECT_EQ(number, 0xDEADBEEFu);
 }
 
-TEST(Registry, OpenRegKeyAsksForReadAndWriteAndEnumerationAppends)
+TEST_F(Registry, OpenRegKeyAsksForReadAndWriteAndEnumerationAppends)
 {
-    QXTest::TestRegKey key;
-    CRegistryHelper helper;
     ATL::CRegKey opened, missing;
     ASSERT_TRUE(helper.OpenRegKey(opened, key.Root(), key.SubKey()));
     EXPECT_EQ(opened.SetDWORDValue(L"written", 5), ERROR_SUCCESS); // write access came with the key
@@ -328,28 +313,27 @@ TEST(Registry, OpenRegKeyAsksForReadAndWriteAndEnumerationAppends)
 
 // OpenAndQueryRegKey reaches the value reader through the interface, so a
 // substitute reader answers in its place.
-TEST(Registry, OpenAndQueryCallsTheVirtualReader)
+TEST_F(Registry, OpenAndQueryCallsTheVirtualReader)
 {
-    QXTest::TestRegKey key;
     key.SetString(L"name", L"real value");
     struct Recording : CRegistryHelper
     {
         std::vector<std::wstring> calls;
-        bool QueryRegKey(HKEY key, const std::wstring& name, std::wstring& value) override
+        bool QueryRegKey(HKEY opened, const std::wstring& name, std::wstring& value) override
         {
-            calls.push_back(key != nullptr ? name : L"<no key>");
+            calls.push_back(opened != nullptr ? name : L"<no key>");
             value = L"from override";
             return name == L"name";
         }
-    } helper;
-    IRegistryHelper& registry = helper;
+    } recording;
+    IRegistryHelper& registry = recording;
     std::wstring value;
     EXPECT_TRUE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey(), L"name", value) && value == L"from override");
     EXPECT_FALSE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey(), L"other", value));
     // A key that cannot be opened never reaches the reader.
     EXPECT_FALSE(registry.OpenAndQueryRegKey(key.Root(), key.SubKey() + L"\\missing", L"name", value));
-    EXPECT_EQ(helper.calls, (std::vector<std::wstring>{L"name", L"other"}));
-    EXPECT_TRUE(CRegistryHelper().OpenAndQueryRegKey(key.Root(), key.SubKey(), L"name", value) && value == L"real value");
+    EXPECT_EQ(recording.calls, (std::vector<std::wstring>{L"name", L"other"}));
+    EXPECT_TRUE(helper.OpenAndQueryRegKey(key.Root(), key.SubKey(), L"name", value) && value == L"real value");
 }
 
 namespace
@@ -373,43 +357,34 @@ std::wstring Hex(DWORD code, const wchar_t* format = L"0x%08x ")
 }
 } // namespace
 
-TEST(HResult, ToStringGivesTheSystemTextWithoutItsLineBreakOrAFallback)
-{
-    // The code, a blank, the system's text without the one line break that ends it.
-    for (DWORD code : {0ul, 2ul, 5ul, 87ul, 1314ul, static_cast<DWORD>(E_ACCESSDENIED)})
-    {
-        std::wstring text = SystemText(code);
-        ASSERT_TRUE(text.size() >= 2 && text.back() == L'\n') << code;
-        text.erase(text.size() - (text[text.size() - 2] == L'\r' ? 2 : 1));
-        EXPECT_EQ(QXCommon::CHResult(static_cast<HRESULT>(code)).ToString(), Hex(code) + text);
-    }
-    // Codes without a text here: dispatch errors by number, others unknown.
-    const std::pair<DWORD, const wchar_t*> fallbacks[] = {
-        {0x80040201, L"IDispatch error #1"},        {0x80040210, L"IDispatch error #16"},
-        {0x8004FFFF, L"IDispatch error #65023"},    {0x80040200, L"Unknown error 0x80040200"},
-        {0x80041200, L"IDispatch error #4096"},     {0x80050200, L"Unknown error 0x80050200"},
-        {0x800401FF, L"Unknown error 0x800401FF"},  {0xA0051234, L"Unknown error 0xA0051234"},
-    };
-    for (const auto& [code, fallback] : fallbacks)
-        EXPECT_TRUE(!SystemText(code).empty() ||
-                    QXCommon::CHResult(static_cast<HRESULT>(code)).ToString() == Hex(code) + fallback) << code;
-}
-
-TEST(ErrorMessage, TextWithoutLineBreaksAndItsLogLine)
+// CHResult: the code, a blank, the system's text without the one line break
+// that ends it. ErrorMessageFromCode: the text without any line break, logged.
+TEST(ResultTexts, SystemTextOrAFallbackAndTheLogLines)
 {
     QXTest::LogCapture capture;
     EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(0), L""); // zero: empty and silent
     EXPECT_EQ(capture.Count(), 0u) << capture.Dump();
-    for (int code : {5, 2, static_cast<int>(0x80070057)})
+    for (DWORD code : {0ul, 5ul, static_cast<DWORD>(E_INVALIDARG)})
     {
-        std::wstring expected = SystemText(static_cast<DWORD>(code), 0);
-        ASSERT_FALSE(expected.empty()) << "the system has no text for " << code;
-        for (size_t at; (at = expected.find(L"\r\n")) != std::wstring::npos;)
-            expected.erase(at, 2);
-        EXPECT_EQ(QXCommonFunctions::ErrorMessageFromCode(code), expected);
-        EXPECT_LOGGED(capture, 4, "QXCommonFunctions::ErrorMessageFromCode",
-                      L"Error " + Hex(code, L"%X") + L" [" + expected + L"]\n");
+        std::wstring text = SystemText(code), joined = SystemText(code, 0);
+        ASSERT_TRUE(text.size() >= 2 && text.back() == L'\n') << code;
+        text.erase(text.size() - (text[text.size() - 2] == L'\r' ? 2 : 1));
+        EXPECT_EQ(QXCommon::CHResult(static_cast<HRESULT>(code)).ToString(), Hex(code) + text);
+        for (size_t at; (at = joined.find(L"\r\n")) != std::wstring::npos;)
+            joined.erase(at, 2);
+        EXPECT_TRUE(code == 0 || (QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code)) == joined &&
+                                  capture.Has(4, "QXCommonFunctions::ErrorMessageFromCode",
+                                              L"Error " + Hex(code, L"%X") + L" [" + joined + L"]\n"))) << capture.Dump();
     }
+    // Codes without a text here: dispatch errors by number, others unknown.
+    const std::pair<DWORD, const wchar_t*> fallbacks[] = {
+        {0x80040201, L"IDispatch error #1"},       {0x8004FFFF, L"IDispatch error #65023"},
+        {0x80040200, L"Unknown error 0x80040200"}, {0x80050200, L"Unknown error 0x80050200"},
+        {0x800401FF, L"Unknown error 0x800401FF"},
+    };
+    for (const auto& [code, fallback] : fallbacks)
+        EXPECT_TRUE(!SystemText(code).empty() ||
+                    QXCommon::CHResult(static_cast<HRESULT>(code)).ToString() == Hex(code) + fallback) << code;
     // A code without a text logs why.
     const int code = 0x2BADF00D;
     wchar_t* raw = nullptr;
@@ -425,7 +400,7 @@ TEST(Guid, NewGuidsTheirTextAndEquality)
 {
     EXPECT_EQ(QXCommon::CGuid().ToString(), L"{00000000-0000-0000-0000-000000000000}");
     std::set<std::wstring> seen;
-    for (int k = 0; k < 20; ++k)
+    for (int k = 0; k < 6; ++k)
     {
         QXCommon::CGuid guid;
         ASSERT_TRUE(guid.CreateNew());
@@ -445,9 +420,7 @@ TEST(Guid, NewGuidsTheirTextAndEquality)
     EXPECT_TRUE(b == a);
 
     const std::pair<std::wstring, std::wstring> cases[] = {
-        {L"abc", L"{ABC}"}, {L"{abc}", L"{ABC}"}, {L"", L""}, {L"{abc", L"{ABC}"}, {L"abc}", L"{ABC}"}, {L"{", L"{}"},
-        {L"}", L"{}"},     {L"0123abcd-ef01-2345-6789-abcdef012345", L"{0123ABCD-EF01-2345-6789-ABCDEF012345}"},
-        {L"not a guid", L"{NOT A GUID}"},
+        {L"abc", L"{ABC}"}, {L"{abc}", L"{ABC}"}, {L"", L""}, {L"{abc", L"{ABC}"}, {L"abc}", L"{ABC}"}, {L"}", L"{}"},
     };
     for (auto [text, out] : cases)
     {
