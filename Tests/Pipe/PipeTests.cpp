@@ -10,7 +10,6 @@
 #include "TokenTestSupport.h"
 
 #include <gtest/gtest.h>
-#include <winternl.h>
 
 #include <chrono>
 #include <future>
@@ -171,29 +170,7 @@ std::string UserOf(HANDLE token) // "S-1-5-..."
 // on a slow exchange, for one).
 size_t ServerKindHandleCount()
 {
-    using QueryObject = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
-    static const auto query = reinterpret_cast<QueryObject>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    size_t count = 0;
-    DWORD flags = 0;
-    for (uintptr_t slot = 4, freeInARow = 0; freeInARow < 1024; slot += 4)
-    {
-        if (!GetHandleInformation(reinterpret_cast<HANDLE>(slot), &flags))
-        {
-            ++freeInARow;
-            continue;
-        }
-        freeInARow = 0;
-        alignas(8) BYTE buffer[512] = {};
-        const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer);
-        const std::wstring type = query != nullptr &&
-                                          query(reinterpret_cast<HANDLE>(slot), 2 /* type */, buffer, sizeof buffer,
-                                                nullptr) >= 0
-                                      ? std::wstring(name->Buffer, name->Length / sizeof(wchar_t))
-                                      : L"?";
-        count += type == L"File" || type == L"Event" || type == L"Token" || type == L"Thread" || type == L"?";
-    }
-    return count;
+    return QXTest::OpenHandleCount({L"File", L"Event", L"Token", L"Thread"});
 }
 
 size_t SettledHandleCount(size_t expected)

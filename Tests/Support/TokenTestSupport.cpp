@@ -3,7 +3,9 @@
 #include "QXTestSupport.h"
 
 #include <sddl.h>
+#include <winternl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -121,16 +123,44 @@ std::wstring DescribeImpersonation(HANDLE thread)
     return DescribeToken(ATL::CHandle(token));
 }
 
-size_t OpenHandleCount()
+namespace
+{
+// The object type of a handle ("File", "Event", ...), or "?" when it cannot be read.
+std::wstring HandleType(HANDLE handle)
+{
+    using QueryObject = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<QueryObject>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
+    alignas(8) BYTE buffer[512] = {};
+    const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer);
+    if (query == nullptr || query(handle, 2 /* type */, buffer, sizeof buffer, nullptr) < 0)
+        return L"?";
+    return std::wstring(name->Buffer, name->Length / sizeof(wchar_t));
+}
+} // namespace
+
+size_t OpenHandleCount(const std::vector<std::wstring>& types)
 {
     // Handles are multiples of 4; the probe ends after 1,024 free slots in a row.
     size_t count = 0;
     DWORD flags = 0;
     for (uintptr_t slot = 4, freeInARow = 0; freeInARow < 1024; slot += 4)
-        if (GetHandleInformation(reinterpret_cast<HANDLE>(slot), &flags))
-            ++count, freeInARow = 0;
-        else
+    {
+        const HANDLE handle = reinterpret_cast<HANDLE>(slot);
+        if (!GetHandleInformation(handle, &flags))
+        {
             ++freeInARow;
+            continue;
+        }
+        freeInARow = 0;
+        if (types.empty())
+            ++count;
+        else
+        {
+            const std::wstring type = HandleType(handle);
+            count += type == L"?" || std::find(types.begin(), types.end(), type) != types.end();
+        }
+    }
     return count;
 }
 

@@ -44,8 +44,9 @@ std::wstring DescribeImpersonation(HANDLE thread = ::GetCurrentThread());
 // The number of handles this process holds, by probing its handle table
 // (Wine's GetProcessHandleCount answers 0). Unlike NextHandleSlot it also
 // sees a handle leaked above a slot that is freed again, as when a function
-// opens a process, then a token, and closes the process.
-size_t OpenHandleCount();
+// opens a process, then a token, and closes the process. With object types
+// ("File", "Event", ...) only the handles of those types count.
+size_t OpenHandleCount(const std::vector<std::wstring>& types = {});
 
 // Makes the calling thread stop impersonating when the scope ends, also when
 // an assertion leaves the test early.
