@@ -174,11 +174,10 @@ ChildProcess::ChildProcess(HANDLE token)
             Sleep(200);
         Forget();
         SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-        HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
-        if (!CreatePipe(&inRead, &inWrite, &inherit, 0) || !CreatePipe(&outRead, &outWrite, &inherit, 0))
+        ATL::CHandle childInput, output, childOutput;
+        if (!CreatePipe(&childInput.m_h, &m_input.m_h, &inherit, 0) ||
+            !CreatePipe(&output.m_h, &childOutput.m_h, &inherit, 0))
             continue;
-        ATL::CHandle childInput(inRead), output(outRead), childOutput(outWrite);
-        m_input.Attach(inWrite);
         SetHandleInformation(m_input, HANDLE_FLAG_INHERIT, 0);
         SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
         STARTUPINFOW si{sizeof si};
