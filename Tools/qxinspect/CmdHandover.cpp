@@ -3,6 +3,7 @@
 // token with the Administrators group deny-only), serves the pipe, and shows
 // the primary token it obtained and how long that took.
 
+#include "Facts.h"
 #include "Inspect.h"
 
 #include "QXCommon/Guid.h"
@@ -32,13 +33,6 @@ std::unique_ptr<BYTE[]> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClas
     return buffer;
 }
 
-std::wstring Account(PSID sid)
-{
-    ATL::CSid owner(*static_cast<const SID*>(sid));
-    const std::wstring name = owner.AccountName(), domain = owner.Domain();
-    return name.empty() || domain.empty() ? name : domain + L"\\" + name;
-}
-
 std::wstring Attributes(DWORD attributes)
 {
     static const std::pair<DWORD, const wchar_t*> names[] = {
@@ -60,19 +54,11 @@ std::wstring IdentityOf(HANDLE token)
     auto groups = TokenInfo(token, TokenGroups);
     if (!user || !groups)
         return L"";
-    wchar_t* text = nullptr;
-    std::wstring identity;
-    if (ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid, &text))
-        identity = text;
-    LocalFree(text);
+    auto sidText = [](PSID sid) { return std::wstring(ATL::CSid(*static_cast<const SID*>(sid)).Sid()); };
+    std::wstring identity = sidText(reinterpret_cast<TOKEN_USER*>(user.get())->User.Sid);
     const auto* list = reinterpret_cast<const TOKEN_GROUPS*>(groups.get());
     for (DWORD k = 0; k < list->GroupCount; ++k)
-    {
-        text = nullptr;
-        if (ConvertSidToStringSidW(list->Groups[k].Sid, &text))
-            identity += L" " + std::wstring(text) + L":" + Hex32(list->Groups[k].Attributes);
-        LocalFree(text);
-    }
+        identity += L" " + sidText(list->Groups[k].Sid) + L":" + Hex32(list->Groups[k].Attributes);
     return identity;
 }
 
@@ -120,9 +106,9 @@ bool StartClient(const std::wstring& pipe, const std::wstring& eventName, bool r
         if (own.GetProcessToken(TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY) &&
             ConvertStringSidToSidW(AdministratorsSid, &adminsSid))
         {
+            const LocalPtr<void> adminsOwner(adminsSid);
             SID_AND_ATTRIBUTES denyOnly = {adminsSid, 0};
             CreateRestrictedToken(own.GetHandle(), 0, 1, &denyOnly, 0, nullptr, 0, nullptr, &made);
-            LocalFree(adminsSid);
         }
         if (made == nullptr)
         {
@@ -198,7 +184,7 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
     for (DWORD k = 0; k < list->GroupCount; ++k)
     {
         const SID_AND_ATTRIBUTES& group = list->Groups[k];
-        const std::wstring sid = ATL::CSid(*static_cast<const SID*>(group.Sid)).Sid(), name = Account(group.Sid);
+        const std::wstring sid = ATL::CSid(*static_cast<const SID*>(group.Sid)).Sid(), name = AccountOfSid(group.Sid);
         groups.Push(Json::MakeObject()
                         .Set(L"sid", sid)
                         .Set(L"name", name)
@@ -213,7 +199,7 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
                     .Set(L"pipe", pipe)
                     .Set(L"restricted", restricted)
                     .Set(L"milliseconds", ms)
-                    .Set(L"user", Json::MakeObject().Set(L"name", Account(userSid)).Set(L"sid", userSidText))
+                    .Set(L"user", Json::MakeObject().Set(L"name", AccountOfSid(userSid)).Set(L"sid", userSidText))
                     .Set(L"type", typeName)
                     .Set(L"sameAsServer", sameAsServer)
                     .Set(L"groups", std::move(groups)));
@@ -224,7 +210,7 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
     Out(L"pipe:       " + pipe + L"\n");
     Out(L"client:     a child process" + std::wstring(restricted ? L" with Administrators deny-only" : L"") + L"\n");
     Out(L"taken in:   " + std::wstring(time) + L"\n");
-    Out(L"user:       " + Account(userSid) + L" " + userSidText + L"\n");
+    Out(L"user:       " + AccountOfSid(userSid) + L" " + userSidText + L"\n");
     Out(L"type:       " + std::wstring(typeName) + L"\n");
     Out(L"identity:   " + std::wstring(sameAsServer ? L"the same as this process's token" : L"the client's own") +
         L"\ngroups:\n" + groupText);

@@ -31,15 +31,6 @@ std::unique_ptr<BYTE[]> ReadInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass
     return buffer;
 }
 
-std::wstring AccountOf(const ATL::CSid& sid)
-{
-    std::wstring name = sid.AccountName();
-    std::wstring domain = sid.Domain();
-    if (name.empty())
-        return L"";
-    return domain.empty() ? name : domain + L"\\" + name;
-}
-
 std::wstring GroupFlags(DWORD attributes)
 {
     static const struct
@@ -145,6 +136,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
     ATL::CSid user;
     if (!primary.GetUser(&user))
         return Fail(ExitFailed, L"cannot read the token's user, error " + std::to_wstring(GetLastError()));
+    const std::wstring userName = AccountOfSid(const_cast<SID*>(user.GetPSID()));
     const TOKEN_GROUPS* groups = nullptr;
     auto groupsOwner = ReadInfo(token, TokenGroups, groups);
     const TOKEN_PRIVILEGES* privileges = nullptr;
@@ -167,7 +159,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
         ATL::CSid sid(*static_cast<const SID*>(group.Sid));
         if (memberText && sid == member)
             listed = true;
-        const std::wstring name = AccountOf(sid);
+        const std::wstring name = AccountOfSid(group.Sid);
         groupList.Push(Json::MakeObject()
                            .Set(L"sid", sid.Sid())
                            .Set(L"name", name)
@@ -195,7 +187,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
     {
         Json result = Json::MakeObject();
         result.Set(L"source", source);
-        result.Set(L"user", Json::MakeObject().Set(L"name", AccountOf(user)).Set(L"sid", user.Sid()));
+        result.Set(L"user", Json::MakeObject().Set(L"name", userName).Set(L"sid", user.Sid()));
         result.Set(L"groups", std::move(groupList));
         result.Set(L"elevated", elevated).Set(L"elevationType", elevationType);
         result.Set(L"restrictedOrFullAdmin", restrictedOrFull).Set(L"hasAdminSid", hasAdminSid);
@@ -211,7 +203,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
     else
     {
         Out(L"token of:                  " + source + L"\n");
-        Out(L"user:                      " + AccountOf(user) + L" " + user.Sid() + L"\n");
+        Out(L"user:                      " + userName + L" " + user.Sid() + L"\n");
         Out(L"elevated:                  " + BoolText(elevated) + L" (elevation type " + elevationType + L")\n");
         Out(L"restricted or full admin:  " + BoolText(restrictedOrFull) + L"\n");
         Out(L"has Administrators SID:    " + BoolText(hasAdminSid) + L" (any attributes)\n");

@@ -126,6 +126,7 @@ Descriptor ReadDescriptor(const std::wstring& path)
                                          OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
                                              DACL_SECURITY_INFORMATION,
                                          &owner, &group, &dacl, nullptr, &descriptor);
+    const LocalPtr<void> descriptorOwner(descriptor);
     if (result.error != ERROR_SUCCESS)
         return result;
     result.ownerSid = SidOf(owner);
@@ -136,10 +137,9 @@ Descriptor ReadDescriptor(const std::wstring& path)
     if (ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
                                                              &text, nullptr))
     {
+        const LocalPtr<wchar_t> textOwner(text);
         result.dacl = text;
-        LocalFree(text);
     }
-    LocalFree(descriptor);
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace QXCommon
@@ -27,6 +28,15 @@ std::wstring IsoTime(const FILETIME& time);
 std::wstring TakeBstr(BSTR text);
 // The system's text for a Win32 error: "5 (Access is denied.)".
 std::wstring Win32Text(DWORD code);
+
+// A block the system allocated with LocalAlloc (SDDL texts, SIDs from text,
+// security descriptors), freed when the owner goes.
+struct LocalFreeDeleter
+{
+    void operator()(void* block) const noexcept { LocalFree(block); }
+};
+template <typename T>
+using LocalPtr = std::unique_ptr<T, LocalFreeDeleter>;
 
 // "DOMAIN\\name" of a SID (just the name without domain); empty when unknown.
 std::wstring AccountOfSid(PSID sid);
