@@ -679,6 +679,10 @@ void CEnvironmentEx::NormalisePaths(std::wstring& path) const
     {
         QXLOG_INFO("QXCommon::CEnvironmentEx::NormalisePaths", L"Try Replacing [{}] with [{}] in [{}].\n", value,
                    token, path);
+        // Every text piece is part of the path: a value the path lacks is in
+        // none of them, and the pieces stay as they are.
+        if (path.find(value) == std::wstring::npos)
+            continue;
         std::vector<Piece> next;
         bool replaced = false;
         for (Piece& piece : pieces)

@@ -166,13 +166,15 @@ std::wstring WithBackslashes(std::wstring text)
     return text;
 }
 
-constexpr wchar_t HoldsNul[] = L"A parameter holds a NUL character. Return no match.\n";
-
 // A NUL never occurs in a Windows path or name: an argument holding one
-// matches nothing (the walk would otherwise stop at it).
-bool EitherHoldsNul(const std::wstring& a, const std::wstring& b)
+// matches nothing (the walk would otherwise stop at it). Logs the refusal
+// for the calling function.
+bool EitherHoldsNul(const char* function, const std::wstring& a, const std::wstring& b)
 {
-    return a.find(L'\0') != std::wstring::npos || b.find(L'\0') != std::wstring::npos;
+    if (a.find(L'\0') == std::wstring::npos && b.find(L'\0') == std::wstring::npos)
+        return false;
+    QXLOG_INFO(function, L"A parameter holds a NUL character. Return no match.\n");
+    return true;
 }
 
 std::wstring Trim(const std::wstring& text)
@@ -207,11 +209,8 @@ int CFilePathPatternMatcher::MatchAgainstPattern(const std::wstring& path, const
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, pattern))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstPattern", path, pattern))
         return 0;
-    }
     if (ContainsWildCard(pattern))
         return MatchAgainstWildCardPattern(path, pattern, flag);
     if (!ContainsPath(pattern))
@@ -226,11 +225,8 @@ int CFilePathPatternMatcher::MatchAgainstJustFileName(const std::wstring& path, 
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, name))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstJustFileName", path, name))
         return 0;
-    }
     size_t separator = LastSeparator(path);
     size_t start = separator == std::wstring::npos ? 0 : separator + 1;
     size_t length = path.size() - start;
@@ -245,11 +241,8 @@ int CFilePathPatternMatcher::MatchAgainstWildCardPattern(const std::wstring& pat
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, pattern))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardPattern", path, pattern))
         return 0;
-    }
     const wchar_t* fold = Fold();
     FoldedBuffer foldedPath(path, fold);
     FoldedBuffer foldedPattern(pattern, fold);
@@ -271,11 +264,8 @@ int CFilePathPatternMatcher::MatchAgainstFolder(const std::wstring& path, const 
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", EmptyOrInvalidParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, folder))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstFolder", path, folder))
         return 0;
-    }
     if (ContainsWildCard(folder))
         return MatchAgainstWildCardFolder(path, folder, includeSubfolders);
     if (path.size() < folder.size())
@@ -297,11 +287,8 @@ int CFilePathPatternMatcher::MatchAgainstWildCardFolder(const std::wstring& path
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardFolder", EmptyOrInvalidParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, normalized))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardFolder", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstWildCardFolder", path, normalized))
         return 0;
-    }
     normalized += L'\\';
     const wchar_t* fold = Fold();
     FoldedBuffer foldedPath(path, fold, true);
@@ -340,11 +327,8 @@ int CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(const std::wstri
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, pattern))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern", path, pattern))
         return 0;
-    }
     if (ContainsWildCard(pattern))
         return MatchAgainstWildCardPattern(path, pattern, flag);
     std::wstring resource = WithoutTrailingSeparators(pattern);
@@ -362,11 +346,8 @@ int CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern(const std::wst
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, expression))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern", path, expression))
         return 0;
-    }
     RegExHelpers::CQXRegEx regex;
     if (!regex.Parse(expression))
     {
@@ -385,11 +366,8 @@ int CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(const std::wstr
         QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", EmptyParameters);
         return 0;
     }
-    if (EitherHoldsNul(path, list))
-    {
-        QXLOG_INFO("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", HoldsNul);
+    if (EitherHoldsNul("QXCommon::CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList", path, list))
         return 0;
-    }
     // The path is split once for all entries; a path that cannot be split
     // leaves the name empty and fails every entry.
     std::wstring fileName;

@@ -16,13 +16,6 @@ enum class MatchMode
     Whole,  // the expression matches the whole text
 };
 
-enum class RunResult
-{
-    Match,
-    NoMatch,
-    Failed, // errorCode tells why
-};
-
 // Longest expression text accepted, and deepest group nesting.
 constexpr size_t MaxExpressionLength = 2048;
 constexpr size_t MaxGroupNesting = 64;
@@ -31,11 +24,8 @@ constexpr size_t MaxGroupNesting = 64;
 // compiled, or returns the engine's error code (std::regex_constants::error_*).
 int Compile(const std::wstring& expression, MatchMode mode, std::shared_ptr<const CompiledRegEx>& compiled);
 
-// Matches. On Failed, errorCode is QX_REGEX_ERROR_BUDGET (the match needed
-// more steps or more backtracking memory than one match may take).
-RunResult Run(const CompiledRegEx& compiled, const std::wstring& text, int& errorCode);
-
-// Run for a held expression (none: no match): 0 with matched set to the
-// answer, or the budget error with matched false.
+// Matches a held expression (none: no match): 0 with matched set to the
+// answer, or QX_REGEX_ERROR_BUDGET with matched false when the match needed
+// more steps or more backtracking memory than one match may take.
 int TryMatch(const std::shared_ptr<const CompiledRegEx>& compiled, const std::wstring& text, bool& matched);
 } // namespace QXCommon::RegExHelpers::Detail

@@ -940,35 +940,25 @@ int Compile(const std::wstring& expression, MatchMode mode, std::shared_ptr<cons
     return 0;
 }
 
-RunResult Run(const CompiledRegEx& compiled, const std::wstring& text, int& errorCode)
-{
-    errorCode = 0;
-    int result = Spent;
-    if (text.size() <= MaxTextLength)
-    {
-        Budget budget{compiled.backtracking ? BacktrackingStepBudget : SetStepBudget};
-        const bool whole = compiled.mode == MatchMode::Whole;
-        if (compiled.backtracking)
-            result = Backtracking(compiled, text, budget).Search(whole);
-        else
-            result = SetSimulation(compiled, text, budget).Run(compiled.start, 0, whole, whole, 0);
-    }
-    if (result == Spent)
-    {
-        errorCode = QX_REGEX_ERROR_BUDGET;
-        return RunResult::Failed;
-    }
-    return result == Found ? RunResult::Match : RunResult::NoMatch;
-}
 int TryMatch(const std::shared_ptr<const CompiledRegEx>& compiled, const std::wstring& text, bool& matched)
 {
     matched = false;
     if (!compiled)
         return 0;
-    int error = 0;
-    RunResult result = Run(*compiled, text, error);
-    matched = result == RunResult::Match;
-    return result == RunResult::Failed ? error : 0;
+    int result = Spent;
+    if (text.size() <= MaxTextLength)
+    {
+        Budget budget{compiled->backtracking ? BacktrackingStepBudget : SetStepBudget};
+        const bool whole = compiled->mode == MatchMode::Whole;
+        if (compiled->backtracking)
+            result = Backtracking(*compiled, text, budget).Search(whole);
+        else
+            result = SetSimulation(*compiled, text, budget).Run(compiled->start, 0, whole, whole, 0);
+    }
+    if (result == Spent)
+        return QX_REGEX_ERROR_BUDGET;
+    matched = result == Found;
+    return 0;
 }
 } // namespace Detail
 
