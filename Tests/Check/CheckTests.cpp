@@ -362,6 +362,7 @@ TEST_F(Check, DoubtfulRulesAreWarnedAboutAndEvaluated)
         {"[w4] path \"C:\\Program Files\\a.exe\"", "the quotes are part of the text"},
         {"[w5] name signed.exe # the build's sample", "\"# the build's sample\" is part of the text"},
         {"[w6] path %NoSuchVariable%\\signed.exe", "%NoSuchVariable% is not in the environment table of "},
+        {"[w7] name 'signed.exe'", "the quotes are part of the text"},
     };
     std::string text;
     for (const auto& line : lines)
@@ -369,6 +370,7 @@ TEST_F(Check, DoubtfulRulesAreWarnedAboutAndEvaluated)
     const Result run = Inspect(L"--json check --rules " + Quoted(dir.Write(L"doubtful.txt", text)) + L" " +
                             Quoted(signedExe));
     EXPECT_EQ(1u, run.exitCode) << run.out << run.err; // evaluated: nothing matches
+    EXPECT_EQ("false", StepOf(run.doc, "hashes")["ok"].Str()); // not needed
     for (unsigned k = 0; k < std::size(lines); ++k)
     {
         EXPECT_NE(std::string::npos, NotesOf(run.doc["warnings"], k + 1).find(lines[k].warning))

@@ -234,12 +234,12 @@ Evaluation Evaluate(const RuleSet& rules, const ProgramStart& start, FileFacts* 
     return evaluation;
 }
 
-Evaluation Decide(const RuleSet& rules, ProgramStart& start, const SignaturePolicy& policy)
+Evaluation Decide(const RuleSet& rules, ProgramStart& start, const SignaturePolicy& policy, FactsCache* cache)
 {
     Prepare(start);
     if (start.program.empty())
         return Evaluate(rules, start, nullptr, policy);
-    FileFacts program(start.program, policy, start.token.GetHandle() != nullptr ? &start.token : nullptr);
-    return Evaluate(rules, start, &program, policy);
+    FactsCache fresh(policy, start.token.GetHandle() != nullptr ? &start.token : nullptr);
+    return Evaluate(rules, start, (cache != nullptr ? cache : &fresh)->Of(start.program).get(), policy);
 }
 } // namespace qxinspect

@@ -60,5 +60,8 @@ struct Evaluation
 // program: the facts of the program's file (null: the start names no program).
 Evaluation Evaluate(const RuleSet& rules, const ProgramStart& start, FileFacts* program, const SignaturePolicy& policy);
 // The whole decision for one program start: every step, then every rule.
-Evaluation Decide(const RuleSet& rules, ProgramStart& start, const SignaturePolicy& policy);
+// The program's facts come from the run's cache when one is given (rule
+// sets evaluated on the same start share them), else are computed afresh.
+Evaluation Decide(const RuleSet& rules, ProgramStart& start, const SignaturePolicy& policy,
+                  FactsCache* cache = nullptr);
 } // namespace qxinspect

@@ -114,7 +114,8 @@ private:
     std::unique_ptr<SignatureFacts> m_signature;
 };
 
-// The facts of every file a run asks about, by path (case ignored).
+// The facts of every file a run asks about, by path (case ignored), for the
+// policy and the user of one run.
 class FactsCache
 {
 public:
