@@ -88,28 +88,31 @@ FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file)
         return SystemError(ERROR_INVALID_NAME);
     if (NamesDevice(plain))
         return Refused(ERROR_NOT_SUPPORTED, L"a device, not a disk file");
-    WIN32_FILE_ATTRIBUTE_DATA data = {};
-    if (!GetFileAttributesExW(plain.c_str(), GetFileExInfoStandard, &data))
-        return SystemError(GetLastError());
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-        return Refused(ErrorDirectoryNotSupported, L"a folder, not a file");
-    if (data.nFileSizeHigh != 0)
-        return Refused(ERROR_FILE_TOO_LARGE, L"4 GiB or more");
-    // What is opened may have been swapped since: it is checked again by its handle.
+    // What the name stands for is known only once it is open: the handle is
+    // checked (a disk file, not a folder, under 4 GiB) before anything is read.
     HANDLE opened = CreateFileW(plain.c_str(), FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0,
                                 nullptr);
     if (opened == INVALID_HANDLE_VALUE)
-        return SystemError(GetLastError());
+    {
+        // A folder is refused by the open itself (access denied): say what it is.
+        const DWORD error = GetLastError();
+        const DWORD attributes = GetFileAttributesW(plain.c_str());
+        return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
+                   ? Refused(ErrorDirectoryNotSupported, L"a folder, not a file")
+                   : SystemError(error);
+    }
     ATL::CHandle handle(opened);
     if (GetFileType(handle) != FILE_TYPE_DISK)
         return Refused(ERROR_NOT_SUPPORTED, L"a device, not a disk file");
-    BY_HANDLE_FILE_INFORMATION info = {};
-    if (!GetFileInformationByHandle(handle, &info))
+    // The standard information alone: the whole of GetFileInformationByHandle
+    // asks for the volume as well, which costs more than hashing a small file.
+    FILE_STANDARD_INFO info = {};
+    if (!GetFileInformationByHandleEx(handle, FileStandardInfo, &info, sizeof(info)))
         return SystemError(GetLastError());
-    if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+    if (info.Directory)
         return Refused(ErrorDirectoryNotSupported, L"a folder, not a file");
-    if ((static_cast<ULONGLONG>(info.nFileSizeHigh) << 32 | info.nFileSizeLow) >= FourGiB)
+    if (static_cast<ULONGLONG>(info.EndOfFile.QuadPart) >= FourGiB)
         return Refused(ERROR_FILE_TOO_LARGE, L"4 GiB or more");
     file.Attach(handle.Detach());
     return FileStatus();

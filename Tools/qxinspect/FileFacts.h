@@ -39,8 +39,9 @@ struct FileStatus
     bool Ok() const { return error == ERROR_SUCCESS; }
 };
 // Opens the file for reading when it is a regular disk file under 4 GiB.
-// Device names, pipes and folders are refused by their names and attributes
-// before anything is opened; what is opened is checked again by its handle.
+// Device names, pipes and mailslots are refused by their names before
+// anything is opened (an open could connect to or wait on a peer); what is
+// opened is checked by its handle (a disk file, not a folder, under 4 GiB).
 FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file);
 inline FileStatus CheckRegularFile(const std::wstring& path)
 {
