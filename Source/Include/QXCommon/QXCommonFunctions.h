@@ -47,7 +47,9 @@ QXCOMMON_API bool IsWow64FSRedirectionEnabled();
 // ---- Executable-image check ------------------------------------------------
 
 // Reads the file's DOS and NT headers. Returns 0 when the check ran (isNTExe
-// then holds 1 or 0) or the Win32 error that stopped it.
+// then holds 1 or 0) or the Win32 error that stopped it. What is not a disk
+// file, and NT headers 256 MiB or more into the file, are no image, answered
+// without a read.
 QXCOMMON_API DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe);
 // 1 when the file is an NT image, or exists, is not a folder and may not be
 // read by the caller; 0 otherwise.
