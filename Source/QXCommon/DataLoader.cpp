@@ -1,5 +1,7 @@
 #include "QXCommon/DataLoader.h"
 
+#include "DiskFile.h"
+#include "FileHash.h"
 #include "QXLog.h"
 
 #include <atlbase.h>
@@ -34,8 +36,11 @@ private:
 // Blocks of a megabyte or more come fresh from the system on every
 // allocation, and every page of them faults in and is zeroed on first use:
 // for the 8 MiB that identify a file that costs more than reading them. The
-// last such block freed is kept (one per process) for the next large load.
+// last such block freed is kept (one per process) for the next large load,
+// but only up to the size a hash reads: a whole-file load of a large file
+// must not pin its block for the life of the process.
 constexpr SIZE_T SpareFrom = 1 << 20;
+constexpr SIZE_T SpareUpTo = static_cast<SIZE_T>(Detail::HashedBytesMax);
 
 class SpareBlock
 {
@@ -87,7 +92,7 @@ void FreeLoadBlock(BYTE* block)
     if (block == nullptr)
         return;
     const SIZE_T size = ::HeapSize(::GetProcessHeap(), 0, block);
-    if (size != static_cast<SIZE_T>(-1) && size >= SpareFrom)
+    if (size != static_cast<SIZE_T>(-1) && size >= SpareFrom && size <= SpareUpTo)
         Spare().Give(block);
     else
         ::HeapFree(::GetProcessHeap(), 0, block);

@@ -153,6 +153,15 @@ TEST(FileHash, LoaderReadsTheCallersHandleAndReusesLargeBlocks)
     small.Unload();
     ASSERT_EQ(large.LoadFile(dir.File(L"g").c_str(), 0, nullptr), 1);
     EXPECT_TRUE(Loaded(large) == std::string(3 * MiB, 'x'));
+
+    // The block of a whole-file load beyond the hash's 8 MiB is given back,
+    // not kept for (and reused by) the loads that follow.
+    const size_t before = ProcessHeapInUse();
+    ASSERT_EQ(small.LoadFile(dir.WriteSparse(L"whole", 64 * MiB, {}).c_str(), 0, nullptr), 1);
+    for (const wchar_t* name : {L"whole", L"h", L"g", L"h"})
+        ASSERT_EQ(small.LoadFile(dir.File(name).c_str(), Cap, nullptr), 1);
+    small.Unload();
+    EXPECT_LT(ProcessHeapInUse(), before + Cap + 65536) << "heap in use grew from " << before;
 }
 
 TEST(FileHash, Adler32MatchesZlibOverLengthsAndAlignments)

@@ -1,8 +1,9 @@
 #pragma once
 // CDataLoader: reads the start of a file into one block of the process heap
-// with a single read. The last block of a megabyte or more that a loader
+// with a single read. The last block of a megabyte up to 8 MiB that a loader
 // frees is kept by the process for the next large load, so that hashing
-// file after file does not fault fresh pages in every time.
+// file after file does not fault fresh pages in every time; a larger block
+// is given back at once.
 
 #include "QXCommonAPI.h"
 
