@@ -110,7 +110,9 @@ namespace QXCommonFunctions
 // (8,388,608 bytes) with the process's algorithm (SignatureAlgorithmStrategy),
 // SHA-1 and SHA-256 as lower-case and Adler-32 as upper-case hex text. Empty
 // when no algorithm is set or the file cannot be read (the thread's last
-// error then tells why). The C export CalculateAdler32Checksum is declared
-// in SignatureAlgorithmStrategy.h.
+// error then tells why: ERROR_INVALID_NAME for a path holding a NUL,
+// ERROR_NOT_SUPPORTED for what is not a disk file, ERROR_FILE_TOO_LARGE from
+// 4 GiB on). The C export CalculateAdler32Checksum is declared in
+// SignatureAlgorithmStrategy.h.
 QXCOMMON_API std::wstring GenerateFileHash(const std::wstring& path);
 } // namespace QXCommonFunctions
