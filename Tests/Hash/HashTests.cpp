@@ -453,6 +453,7 @@ TEST(HashCache, SlotLifeCycleAndBorrowedProvider)
             break;
     ASSERT_NE(index, TLS_OUT_OF_INDEXES) << log.Dump();
     const std::wstring slot = L"[" + std::to_wstring(index) + L"]";
+    std::optional<QXCommon::CHashStrategySha> copy, assigned(std::in_place, Sha256);
     ASSERT_TRUE(HashStrategyShaCacheHelper::InitTLS());
     EXPECT_LOGGED(log, 4, CacheFn + "InitTLS", L"Already created...\n");
     std::thread([&] {
@@ -465,13 +466,25 @@ TEST(HashCache, SlotLifeCycleAndBorrowedProvider)
         swprintf(hex, 24, L"%llX", static_cast<unsigned long long>(provider));
         EXPECT_EQ(hashHere(), abc);
         EXPECT_LOGGED(log, 4, "QXCommon::CHashStrategySha::CHashStrategySha", L"Using Cached CryptProv handle [" + std::wstring(hex) + L"]..\n");
-        QXCommon::CHashStrategySha(QXCommon::CHashStrategySha(Sha1)); // a borrower and its copy
-        HCRYPTHASH hash = 0; // the borrowers left the provider working
+        {
+            const QXCommon::CHashStrategySha borrower(Sha1);
+            copy.emplace(borrower);
+            *assigned = borrower;
+        }
+        HCRYPTHASH hash = 0; // the borrower left the provider working
         EXPECT_TRUE(CryptCreateHash(provider, CALG_SHA1, 0, 0, &hash));
         CryptDestroyHash(hash);
         EXPECT_TRUE(HashStrategyShaCacheHelper::DestroySharedContext());
         EXPECT_EQ(HashStrategyShaCacheHelper::GetSharedContext(), 0u);
     }).join();
+    // Copies of a borrower hold a reference of their own: they hash on after
+    // the lending thread released its provider and ended.
+    for (QXCommon::CHashStrategySha* s : {&*copy, &*assigned})
+    {
+        std::wstring text;
+        EXPECT_EQ(s->GenerateHash(reinterpret_cast<const BYTE*>("abc"), 3, text), 1);
+        EXPECT_EQ(text, Reference(Sha1, "abc"));
+    }
     EXPECT_TRUE(HashStrategyShaCacheHelper::UninitTLS());
     EXPECT_FALSE(HashStrategyShaCacheHelper::UninitTLS());
 }
