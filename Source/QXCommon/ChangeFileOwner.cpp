@@ -188,6 +188,12 @@ DWORD CChangeFileOwner::ChangeOwner(const std::wstring& path, const ATL::CAccess
     Start(path);
     // Puts back whatever the thread impersonated before, once the work is done.
     CImpersonationSaver impersonation;
+    if (const DWORD error = impersonation.GetCaptureError(); error != ERROR_SUCCESS)
+    {
+        // It could not be put back: refuse before the thread is changed.
+        QXLOG_ERROR(function, L"Cannot save the thread's impersonation [{}].\n", error);
+        return error;
+    }
     if (!userToken.Impersonate())
     {
         const DWORD error = LastErrorOr();

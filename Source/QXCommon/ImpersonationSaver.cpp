@@ -71,9 +71,33 @@ bool CQxAccessToken::GetCurrentTokenForImpersonation()
     return true;
 }
 
+namespace
+{
+// Makes the calling thread impersonate at anonymous level, from the process's
+// own token: the thread then acts as no one (an anonymous-level token can be
+// neither opened nor used to open anything), as it did before.
+bool ImpersonateAtAnonymousLevel()
+{
+    ATL::CAccessToken process;
+    if (!process.GetProcessToken(TOKEN_DUPLICATE))
+        return false;
+    HANDLE duplicate = nullptr;
+    if (!::DuplicateToken(process.GetHandle(), SecurityAnonymous, &duplicate))
+        return false;
+    ATL::CHandle anonymous(duplicate);
+    return ::SetThreadToken(nullptr, anonymous) != FALSE;
+}
+} // namespace
+
 CImpersonationSaver::CImpersonationSaver() : impersonationOccurred(true), occurredWasSet(false)
 {
-    savedToken.GetCurrentTokenForImpersonation();
+    if (savedToken.GetCurrentTokenForImpersonation())
+        return;
+    const DWORD error = ::GetLastError();
+    if (error == ERROR_CANT_OPEN_ANONYMOUS)
+        anonymous = true;
+    else
+        captureError = error != ERROR_SUCCESS ? error : static_cast<DWORD>(ERROR_GEN_FAILURE);
 }
 
 CImpersonationSaver::~CImpersonationSaver()
@@ -84,8 +108,22 @@ CImpersonationSaver::~CImpersonationSaver()
         QXLOG_INFO(function, L"Not reverting as no impersonation occurred.\n");
         return;
     }
+    if (captureError != 0)
+    {
+        // Reverting would leave the thread acting as the process.
+        QXLOG_ERROR(function, L"Not reverting as the impersonation state was not saved [{}].\n", captureError);
+        return;
+    }
     if (!::RevertToSelf())
         QXLOG_ERROR(function, L"ERROR Failed to RevertToSelf [{}]\n", ::GetLastError());
+    if (anonymous)
+    {
+        if (ImpersonateAtAnonymousLevel())
+            QXLOG_INFO(function, L"Reverted back to anonymous impersonation\n");
+        else
+            QXLOG_ERROR(function, L"ERROR Failed to revert to anonymous impersonation. Error[{}]\n", ::GetLastError());
+        return;
+    }
     if (savedToken.GetHandle() == nullptr)
         return;
     QXLOG_INFO(function, L"Reveting back to saved impersonation state\n");

@@ -156,6 +156,13 @@ BOOL CPipeImpersonateServer::CreatePipeAndGetMessage()
 bool CPipeImpersonateServer::ConnectAndImpersonate()
 {
     const char* const function = "QXCommon::CPipeImpersonateServer::ConnectAndImpersonate";
+    if (const DWORD error = impersonation.GetCaptureError(); error != ERROR_SUCCESS)
+    {
+        // What the thread impersonates could not be put back afterwards: no
+        // pipe is made and the thread is left as it is.
+        QXLOG_ERROR(function, L"Cannot save the thread's impersonation. Error: {}\n", error);
+        return Detail::FailWith(error) != FALSE;
+    }
     if (!CreatePipeAndGetMessage())
     {
         const DWORD error = ::GetLastError();

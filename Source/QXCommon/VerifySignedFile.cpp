@@ -95,6 +95,8 @@ void VerifySignedFile::TryOpenFileAsUser(const std::wstring& path, const ATL::CA
         // The thread impersonates nothing here: the guard reverts it to
         // itself when the file has been opened (or could not be).
         CImpersonationSaver impersonation;
+        if (impersonation.GetCaptureError() != ERROR_SUCCESS)
+            return; // the path is opened in the thread's own context
         const BOOL impersonated = ::ImpersonateLoggedOnUser(userToken.GetHandle());
         const DWORD error = ::GetLastError();
         impersonation.SetImpersonationOccurred(impersonated);
@@ -117,9 +119,12 @@ void VerifySignedFile::TryOpenFileAsUser(const std::wstring& path, const ATL::CA
 
 bool VerifySignedFile::CurrentlyImpersonating()
 {
+    // Only ERROR_NO_TOKEN means the thread has no token of its own: a token
+    // that cannot be opened (an anonymous-level one above all) is still being
+    // impersonated.
     HANDLE token = nullptr;
     if (!::OpenThreadToken(::GetCurrentThread(), 0, TRUE, &token))
-        return false;
+        return ::GetLastError() != ERROR_NO_TOKEN;
     ATL::CHandle closeAtOnce(token);
     return true;
 }

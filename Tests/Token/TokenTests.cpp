@@ -3,11 +3,15 @@
 #include "QXTestSupport.h"
 #include "TokenTestSupport.h"
 
+#include "QXCommon/ChangeFileOwner.h"
+#include "QXCommon/DigitalCertificate.h"
 #include "QXCommon/ImpersonationSaver.h"
+#include "QXCommon/PipeImpersonateServer.h"
 #include "QXCommon/LsaUtil.h"
 #include "QXCommon/ProcessIDAndCreateTime.h"
 #include "QXCommon/QXAccessTokenMembership.h"
 #include "QXCommon/QXCommonFunctions.h"
+#include "QXCommon/VerifySignedFile.h"
 
 #include <atlsecurity.h>
 
@@ -209,7 +213,7 @@ TEST(TokenElevation, CheckElevationPassesTheSystemsRunLevel)
 }
 
 // What the thread impersonates is captured so that it can be put back; an
-// anonymous-level token cannot be.
+// anonymous-level token cannot be opened.
 TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
 {
     QXTest::RevertAtExit revert;
@@ -236,8 +240,6 @@ TEST(ImpersonationToken, CapturesWhatTheThreadImpersonates)
     const char* function = "QXCommon::CQxAccessToken::GetCurrentTokenForImpersonation";
     EXPECT_LOGGED(log, 1, function, L"Error Failed to GetThreadToken Error[1347]. Trying as self...\n");
     EXPECT_LOGGED(log, 1, function, L"Failed to GetThreadToken() as the current process. Error: 1347\n");
-    QXCommon::CImpersonationSaver{};
-    EXPECT_EQ(DescribeImpersonation(), L"nothing");
 }
 
 // The owner's reports decide whether the guard reverts to what the thread
@@ -305,6 +307,68 @@ TEST(ImpersonationSaver, RestoresThePreviousImpersonationUnlessToldNothingHappen
         ASSERT_TRUE(ImpersonateLoggedOnUser(inside));
     }
     EXPECT_EQ(DescribeImpersonation(), identityA);
+}
+
+namespace
+{
+BOOL WINAPI OpenThreadTokenRefused(HANDLE, DWORD, BOOL, PHANDLE)
+{
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+} // namespace
+
+// A caller impersonating at anonymous level gets it back from every call that
+// impersonates on its thread; one whose token cannot be captured (its opens
+// refused) is refused before anything changes, and keeps its identity.
+TEST(ImpersonationSaver, AnonymousAndUncapturableCallersKeepWhatTheyImpersonate)
+{
+    QXTest::RevertAtExit revert;
+    ATL::CHandle b = QXTest::AdminDenyOnlyToken(), own = ProcessToken();
+    ATL::CAccessToken user;
+    ASSERT_TRUE(user.GetProcessToken(TOKEN_ALL_ACCESS));
+    QXTest::TempDir dir;
+    const std::wstring file = dir.Write(L"guarded.txt", "x");
+    QXCommon::CDigitalCertificate noCertificate;
+    const std::pair<const char*, std::function<DWORD()>> calls[] = {
+        {"guard", [&] {
+             QXCommon::CImpersonationSaver guard;
+             if (guard.GetCaptureError() == 0)
+                 ImpersonateLoggedOnUser(b);
+             return guard.GetCaptureError();
+         }},
+        {"ChangeOwner", [&] { return QXCommon::CChangeFileOwner().ChangeOwner(file, user); }},
+        {"Verify", [&] { return DWORD(QXCommon::VerifySignedFile(false, 0, false).Verify(noCertificate, file, user)); }},
+    };
+
+    HANDLE anonymous = nullptr;
+    ASSERT_TRUE(DuplicateTokenEx(own, TOKEN_ALL_ACCESS, nullptr, SecurityAnonymous, TokenImpersonation, &anonymous));
+    ATL::CHandle anonymousOwner(anonymous);
+    for (const auto& [name, call] : calls)
+    {
+        ASSERT_TRUE(SetThreadToken(nullptr, anonymous));
+        call();
+        EXPECT_EQ(DescribeImpersonation(), L"<error 1347>") << name << " left the anonymous caller";
+    }
+
+    const std::wstring identity = DescribeToken(b);
+    QXTest::ImportPatch refuse(L"QXCommon.dll", "advapi32.dll", "OpenThreadToken", (void*)&OpenThreadTokenRefused);
+    ASSERT_TRUE(refuse.Installed());
+    ASSERT_TRUE(ImpersonateLoggedOnUser(b));
+    for (const auto& [name, call] : calls)
+    {
+        QXTest::LogCapture log;
+        const DWORD result = call();
+        EXPECT_EQ(DescribeImpersonation(), identity) << name;
+        if (std::string(name) != "Verify") // Verify opens the path in the caller's own context
+        {
+            EXPECT_EQ(result, static_cast<DWORD>(ERROR_ACCESS_DENIED)) << name;
+        }
+    }
+    ATL::CHandle token;
+    EXPECT_FALSE(QXCommon::CPipeImpersonateServer::GetToken(token, L"\\\\.\\pipe\\qx-uncapturable", nullptr));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(DescribeImpersonation(), identity);
 }
 
 // A held privilege is turned on and off; one the token lacks (in a child
@@ -515,7 +579,9 @@ TEST(ProcessIdentity, IdsThatCannotBeOpened)
         DWORD id = 7;
         FILETIME time = {1, 2};
         EXPECT_EQ(identity.GetProcessIDAndCreateTime(key) + identity.GetProcessID(id) + identity.GetProcessStartTime(time), 39u);
-        EXPECT_EQ(identity.GetProcessIDAndCreateTime() + key + std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime), L"untouched10");
+        EXPECT_EQ(std::to_wstring(identity.GetProcessID()) + identity.GetProcessIDAndCreateTime() + key +
+                      std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime),
+                  L"0untouched10"); // the id given is not kept either
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessIDAndCreateTime", L"Process and create time string is invalid.\n");
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessID", L"Process ID is invalid\n");
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessStartTime", L"Process start time is invalid.\n");
@@ -553,7 +619,7 @@ TEST(ProcessIdentity, LentHandleRules)
     identity.lent = foreign;
     EXPECT_EQ(identity.Initialise(child.Pid()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_LOGGED(log, 1, std::string(Identity) + "Initialise", L"Get process times failed. error [6]\n");
-    EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty());
+    EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty() && identity.GetProcessID() == 0);
 }
 
 TEST(ProcessIdentity, ReusedIdGetsANewKey)

@@ -8,11 +8,19 @@
 // The owner reports with SetImpersonationOccurred whether its own
 // impersonation happened. A guard that is never told reverts; one told "no"
 // leaves the thread as it finds it at destruction. Impersonation belongs to
-// one thread: make, tell and destroy the guard on the same thread. An
-// anonymous-level impersonation cannot be opened, so it is not captured: a
-// guard made during one ends with the thread impersonating nothing.
+// one thread: make, tell and destroy the guard on the same thread.
+//
+// An anonymous-level impersonation cannot be opened by anyone, so it is
+// recorded as such and put back as an anonymous-level impersonation (of the
+// process's token, which at that level carries no identity that can be used).
+// When the thread's token can be neither captured nor put back (it cannot be
+// opened for another reason), GetCaptureError says why: the owner must then
+// refuse its work before it changes the thread, and the guard leaves the
+// thread alone at destruction, since reverting would make it act as the
+// process.
 //
 //   CImpersonationSaver saver;
+//   if (saver.GetCaptureError() != 0) return ...;   // refuse, thread untouched
 //   saver.SetImpersonationOccurred(::ImpersonateNamedPipeClient(pipe));
 //   ... work as the client ...
 //   // leaving the scope restores the thread's previous impersonation
@@ -35,9 +43,16 @@ public:
     // calls turn "no" into "yes" on any non-zero value and never back.
     void SetImpersonationOccurred(int occurred);
 
+    // 0 when what the thread impersonated at construction (a token, an
+    // anonymous-level impersonation or nothing) was captured and will be put
+    // back; otherwise the error that stopped the capture.
+    DWORD GetCaptureError() const { return captureError; }
+
 private:
     bool impersonationOccurred; // revert on destruction
     bool occurredWasSet;        // SetImpersonationOccurred has been called
     CQxAccessToken savedToken;  // the thread's token when the guard was made (empty: none)
+    bool anonymous = false;     // the thread impersonated at anonymous level
+    DWORD captureError = 0;     // the thread's token could not be captured
 };
 } // namespace QXCommon
