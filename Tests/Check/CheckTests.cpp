@@ -205,13 +205,7 @@ protected:
 TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
 {
     // Files that have no identity: their hash and signer rules cannot be answered.
-    const std::wstring big = dir.File(L"big.bin");
-    {
-        ATL::CHandle file(CreateFileW(big.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-        LARGE_INTEGER size{};
-        size.QuadPart = 0x100000000LL; // 4 GiB, sparse
-        ASSERT_TRUE(SetFilePointerEx(file, size, nullptr, FILE_BEGIN) && SetEndOfFile(file));
-    }
+    const std::wstring big = dir.WriteSparse(L"big.bin", 0x100000000ull, {{0, "MZ"}});
     const std::wstring missing = dir.File(L"missing.exe");
     const std::wstring nameOnly = dir.Write(L"name-only.txt", "[missing by name] name missing.exe\n");
     const std::string noFile = "could not answer";
