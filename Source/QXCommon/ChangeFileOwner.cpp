@@ -141,8 +141,7 @@ std::wstring VolumeForm(std::wstring_view full)
         full.remove_prefix(4);
     else if (full.starts_with(L"\\\\"))
         return L"UNC" + std::wstring(full.substr(1));
-    const bool drive = full.size() >= 3 && ((full[0] | 0x20) >= L'a' && (full[0] | 0x20) <= L'z') &&
-                       full[1] == L':' && full[2] == L'\\';
+    const bool drive = full.size() >= 3 && full[1] == L':' && full[2] == L'\\';
     return drive || StartsWithNoCase(full, L"UNC\\") ? std::wstring(full) : std::wstring();
 }
 
@@ -180,7 +179,7 @@ DWORD CheckIsNamedFile(HANDLE file, const std::wstring& path, const char* functi
         const std::wstring expected = PipeForm(full);
         alignas(FILE_NAME_INFO) BYTE buffer[sizeof(FILE_NAME_INFO) + 1024 * sizeof(wchar_t)] = {};
         auto* name = reinterpret_cast<FILE_NAME_INFO*>(buffer);
-        if (!::GetFileInformationByHandleEx(file, FileNameInfo, buffer, sizeof(buffer) - sizeof(wchar_t)))
+        if (!::GetFileInformationByHandleEx(file, FileNameInfo, buffer, sizeof(buffer)))
         {
             const DWORD error = LastErrorOr();
             QXLOG_ERROR(function, L"Cannot tell which file [{}] is [{}].\n", path, error);

@@ -514,12 +514,13 @@ TEST_F(Ownership, DiskFilesFollowThePlatformsAnswer)
     const std::wstring file = dir.Write(L"a long file name.txt", "data"), folder = dir.MakeDir(L"A Long Folder");
     wchar_t shortName[MAX_PATH] = L"";
     ASSERT_NE(GetShortPathNameW(file.c_str(), shortName, MAX_PATH), 0u);
-    std::wstring upper = file, slashes = file;
+    SecuredPipe ownedByUser(L"O:" + user + L"G:SYD:(A;;FR;;;WD)", 16);
+    std::wstring upper = file, slashes = file, upperPipe = ownedByUser.Path();
     CharUpperW(upper.data());
+    CharUpperW(upperPipe.data());
     std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
-    SecuredPipe ownedByUser(L"O:" + user + L"G:SYD:(A;;FR;;;WD)");
     const std::wstring paths[] = {file, upper, slashes, L"\\\\?\\" + file, dir.File(L".\\none\\..\\a long file name.txt"),
-                                  shortName, folder, folder + L"\\", ownedByUser.Path()};
+                                  shortName, folder, folder + L"\\", ownedByUser.Path(), upperPipe};
     for (const std::wstring& path : paths)
     {
         SCOPED_TRACE(QXTest::Narrow(path));
