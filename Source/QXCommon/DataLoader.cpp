@@ -1,5 +1,7 @@
 #include "QXCommon/DataLoader.h"
 
+#include "DiskFile.h"
+#include "FileHash.h"
 #include "QXLog.h"
 
 #include <atlbase.h>
@@ -34,8 +36,11 @@ private:
 // Blocks of a megabyte or more come fresh from the system on every
 // allocation, and every page of them faults in and is zeroed on first use:
 // for the 8 MiB that identify a file that costs more than reading them. The
-// last such block freed is kept (one per process) for the next large load.
+// last such block freed is kept (one per process) for the next large load,
+// but only up to the size a hash reads: a whole-file load of a large file
+// must not pin its block for the life of the process.
 constexpr SIZE_T SpareFrom = 1 << 20;
+constexpr SIZE_T SpareUpTo = static_cast<SIZE_T>(Detail::HashedBytesMax);
 
 class SpareBlock
 {
@@ -87,7 +92,7 @@ void FreeLoadBlock(BYTE* block)
     if (block == nullptr)
         return;
     const SIZE_T size = ::HeapSize(::GetProcessHeap(), 0, block);
-    if (size != static_cast<SIZE_T>(-1) && size >= SpareFrom)
+    if (size != static_cast<SIZE_T>(-1) && size >= SpareFrom && size <= SpareUpTo)
         Spare().Give(block);
     else
         ::HeapFree(::GetProcessHeap(), 0, block);
@@ -171,8 +176,7 @@ int CDataLoader::LoadFile(const wchar_t* path, ULONGLONG maxBytes, HANDLE file)
             ::SetLastError(ERROR_INVALID_PARAMETER);
             return 0;
         }
-        file = ::CreateFileW(path, FILE_READ_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                             OPEN_EXISTING, 0, nullptr);
+        file = Detail::OpenToRead(path, FILE_READ_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0);
         if (file == INVALID_HANDLE_VALUE)
         {
             const DWORD error = ::GetLastError();
@@ -183,12 +187,38 @@ int CDataLoader::LoadFile(const wchar_t* path, ULONGLONG maxBytes, HANDLE file)
         opened.Attach(file);
     }
 
-    const DWORD fileSize = ::GetFileSize(file, nullptr);
+    // A device, a pipe or a socket has no contents of its own to identify:
+    // its size reads as 0 (the identity of the empty file), and a read of it
+    // waits for whatever a peer sends.
+    DWORD type = FILE_TYPE_UNKNOWN;
+    if (const DWORD error = Detail::CheckDiskFile(file, type); error != ERROR_SUCCESS)
+    {
+        QXLOG_ERROR(function, L"Not a disk file, type [{}]. Error [{}].\n", type, error);
+        ::SetLastError(error);
+        return 0;
+    }
+
+    // The size in full: its low 32 bits alone would give a file of 4 GiB or
+    // more the identity of its first (size mod 4 GiB) bytes. A size of
+    // exactly 0xFFFFFFFF fails as the low 32 bits always made it fail, now
+    // with an error that says why.
+    DWORD sizeHigh = 0;
+    ::SetLastError(ERROR_SUCCESS);
+    const DWORD fileSize = ::GetFileSize(file, &sizeHigh);
+    DWORD sizeError = fileSize == INVALID_FILE_SIZE ? ::GetLastError() : ERROR_SUCCESS;
+    if (sizeError == ERROR_SUCCESS && sizeHigh != 0)
+    {
+        QXLOG_ERROR(function, L"File size [{}] bytes is 4 GiB or more. Error [{}].\n",
+                    (static_cast<ULONGLONG>(sizeHigh) << 32) | fileSize, static_cast<DWORD>(ERROR_FILE_TOO_LARGE));
+        ::SetLastError(ERROR_FILE_TOO_LARGE);
+        return 0;
+    }
     if (fileSize == INVALID_FILE_SIZE)
     {
-        const DWORD error = ::GetLastError();
-        QXLOG_ERROR(function, L"GetFileSize failed with error [{}].\n", error);
-        ::SetLastError(error);
+        if (sizeError == ERROR_SUCCESS)
+            sizeError = ERROR_FILE_TOO_LARGE;
+        QXLOG_ERROR(function, L"GetFileSize failed with error [{}].\n", sizeError);
+        ::SetLastError(sizeError);
         return 0;
     }
 

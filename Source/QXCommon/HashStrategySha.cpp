@@ -72,14 +72,10 @@ void CHashStrategySha::CopyFrom(const CHashStrategySha& other)
         std::memcpy(m_hashValue.get(), other.m_hashValue.get(), m_hashSize);
     if (other.m_hCryptProv == 0)
         return;
-    if (other.m_usingSharedProvider != 0)
-    {
-        m_hCryptProv = other.m_hCryptProv;
-        m_usingSharedProvider = 1;
-        return;
-    }
-    // A private provider is shared by reference count; each copy releases
-    // its own reference.
+    // Every copy holds a reference of its own and releases it, the copy of a
+    // strategy that borrowed its thread's provider too: a copy can be handed
+    // to another thread or outlive the lending thread's DestroySharedContext,
+    // and must never hash with a provider that has been released.
     if (!::CryptContextAddRef(other.m_hCryptProv, nullptr, 0))
     {
         const DWORD error = ::GetLastError();

@@ -83,7 +83,10 @@ DWORD CProcessIDAndCreateTime::Initialise(DWORD id)
     HANDLE process = nullptr;
     DWORD result = GetProcessHandle(process);
     if (result != 0)
+    {
+        Reset(); // the id given is not kept either
         return result;
+    }
 
     FILETIME created = {};
     FILETIME exited = {};
@@ -118,6 +121,8 @@ DWORD CProcessIDAndCreateTime::Initialise(DWORD id)
         }
     }
     ReleaseProcessHandle(process);
+    if (result != 0)
+        Reset();
     return result;
 }
 

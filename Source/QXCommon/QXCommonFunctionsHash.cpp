@@ -12,6 +12,15 @@ namespace QXCommon::Detail
 {
 std::wstring HashFileStart(IHashStrategy& strategy, const std::wstring& path, const char* function)
 {
+    // The system reads a path up to its first NUL: what follows would be
+    // ignored, and the file named by the first part identified instead.
+    if (const size_t nul = path.find(L'\0'); nul != std::wstring::npos)
+    {
+        QXLOG_ERROR(function, L"Path [{}] holds a NUL at [{}]. Error [{}].\n", path.c_str(), nul,
+                    static_cast<DWORD>(ERROR_INVALID_NAME));
+        ::SetLastError(ERROR_INVALID_NAME);
+        return std::wstring();
+    }
     CDataLoader loader;
     if (!loader.LoadFile(path.c_str(), HashedBytesMax, nullptr))
     {

@@ -2,6 +2,7 @@
 
 #include "QXCommon/QXCommonFunctions.h"
 
+#include "DiskFile.h"
 #include "QXLog.h"
 
 #include <cstring>
@@ -17,6 +18,9 @@ constexpr DWORD NtHeadersOffsetAt = 60;
 // Signature, file header and 32-bit optional header. Used for 64-bit images
 // too: only the signature is tested.
 constexpr DWORD NtHeaders32Size = 0xF8;
+// The system's image loader refuses NT headers this far into a file or
+// further, so no image has them there.
+constexpr DWORD NtHeadersOffsetLimit = 0x10000000; // 256 MiB
 constexpr WORD DosSignature = 0x5A4D;  // "MZ"
 constexpr DWORD NtSignature = 0x00004550; // "PE\0\0"
 
@@ -29,8 +33,7 @@ struct HeapDeleter
 DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
 {
     const char* const function = "QXCommonFunctions::TryCheckIsNTExe";
-    ATL::CHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+    ATL::CHandle file(QXCommon::Detail::OpenToRead(path.c_str(), GENERIC_READ, FILE_SHARE_READ, FILE_ATTRIBUTE_NORMAL));
     if (file == INVALID_HANDLE_VALUE)
     {
         file.Detach(); // nothing to close
@@ -41,8 +44,8 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
 
     // Only a disk file can be an image. A device (COM1, AUX, CON), a pipe or
     // a socket would make the reads below wait for data that may never come.
-    const DWORD fileType = ::GetFileType(file);
-    if (fileType != FILE_TYPE_DISK)
+    DWORD fileType = FILE_TYPE_UNKNOWN;
+    if (QXCommon::Detail::CheckDiskFile(file, fileType) != ERROR_SUCCESS)
     {
         QXLOG_INFO(function, L"Not a disk file (type {}) so not NT exe file\n", fileType);
         isNTExe = FALSE;
@@ -96,12 +99,23 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return ERROR_SUCCESS;
     }
 
+    // A sparse file costs nothing on disk however far its headers claim to
+    // be, but the read below would allocate and read everything up to them.
+    // Offsets the image loader refuses (a wrapped one among them) are
+    // answered at once.
+    if (ntOffset >= NtHeadersOffsetLimit)
+    {
+        QXLOG_INFO(function, L"NT header offset {} too far so not NT exe file\n", ntOffset);
+        isNTExe = FALSE;
+        return ERROR_SUCCESS;
+    }
+
     // The whole prefix up to the end of the NT headers is read from the start
     // of the file in one read, not the headers alone after a seek: that is
     // the check's defined behaviour and is kept. Its cost is bounded by the
-    // size the file really has (the check above), not by e_lfanew alone.
+    // size the file really has (the check above) and by the offset's limit.
     std::unique_ptr<BYTE, HeapDeleter> buffer(
-        static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed != 0 ? needed : 1)));
+        static_cast<BYTE*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, needed)));
     if (!buffer)
     {
         QXLOG_ERROR(function, L"HeapAlloc() error {}.\n", static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
@@ -123,12 +137,11 @@ DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe)
         return ERROR_SUCCESS;
     }
 
-    // When the offset wrapped the buffer ends before it: no signature to read.
+    // The offset is below its limit, so needed did not wrap: the signature
+    // lies inside the buffer.
     DWORD signature = 0;
-    const bool inside = static_cast<unsigned long long>(ntOffset) + sizeof(signature) <= needed;
-    if (inside)
-        std::memcpy(&signature, buffer.get() + ntOffset, sizeof(signature));
-    if (inside && signature == NtSignature)
+    std::memcpy(&signature, buffer.get() + ntOffset, sizeof(signature));
+    if (signature == NtSignature)
     {
         isNTExe = TRUE;
     }

@@ -106,24 +106,45 @@ TEST(FileHash, KnownAnswersAndFilesThatCannotBeRead)
                       Reference(algorithm, std::string_view(content).substr(0, std::min(size, Cap))))
                 << "algorithm " << algorithm << ", size " << size;
     }
-    const std::wstring locked = dir.Write(L"locked", "data");
+    // Files no one may read, and files that would pass for another: a path
+    // read up to its NUL names its first part, and sizes of 4 GiB or more
+    // (sparse files, nothing on disk) would be taken modulo 4 GiB.
+    const std::string start = content.substr(0, 100);
+    const std::wstring locked = dir.Write(L"locked", "data"), named = dir.Write(L"named", start);
     ATL::CHandle exclusive(CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    const std::pair<std::wstring, DWORD> cases[] = {
-        {dir.File(L"missing"), ERROR_FILE_NOT_FOUND}, {dir.File(L"no\\such\\folder"), ERROR_PATH_NOT_FOUND},
-        {dir.MakeDir(L"folder"), ERROR_ACCESS_DENIED}, {locked, ERROR_SHARING_VIOLATION}};
-    for (const auto& [path, error] : cases)
+    const std::string loader = "QXCommon::CDataLoader::LoadFile";
+    auto cannotOpen = [](DWORD error) { return L"CreateFileW failed with error [" + std::to_wstring(error) + L"].\n"; };
+    auto tooLarge = [](ULONGLONG size) { return L"File size [" + std::to_wstring(size) + L"] bytes is 4 GiB or more. Error [223].\n"; };
+    constexpr ULONGLONG FourGiB = 0x100000000;
+    const struct { std::wstring path; DWORD error; std::string function; std::wstring log; } cases[] = {
+        {dir.File(L"missing"), ERROR_FILE_NOT_FOUND, loader, cannotOpen(2)},
+        {dir.File(L"no\\such\\folder"), ERROR_PATH_NOT_FOUND, loader, cannotOpen(3)},
+        {dir.MakeDir(L"folder"), ERROR_ACCESS_DENIED, loader, cannotOpen(5)},
+        {locked, ERROR_SHARING_VIOLATION, loader, cannotOpen(32)},
+        {named + std::wstring(1, L'\0') + L"x", ERROR_INVALID_NAME, "QXCommonFunctions::GenerateFileHash",
+         L"Path [" + named + L"] holds a NUL at [" + std::to_wstring(named.size()) + L"]. Error [123].\n"},
+        {dir.WriteSparse(L"4GiB+100", FourGiB + 100, {{0, start}}), ERROR_FILE_TOO_LARGE, loader, tooLarge(FourGiB + 100)},
+        {dir.WriteSparse(L"4GiB", FourGiB, {{0, start}}), ERROR_FILE_TOO_LARGE, loader, tooLarge(FourGiB)},
+        {dir.WriteSparse(L"4GiB-1", FourGiB - 1, {{0, start}}), ERROR_FILE_TOO_LARGE, loader, L"GetFileSize failed with error [223].\n"},
+    };
+    for (const auto& c : cases)
     {
-        SCOPED_TRACE(QXTest::Narrow(path));
+        SCOPED_TRACE(QXTest::Narrow(c.path));
         QXTest::LogCapture log;
-        EXPECT_EQ(QXCommonFunctions::GenerateFileHash(path), L"");
-        EXPECT_EQ(GetLastError(), error);
-        EXPECT_LOGGED(log, 1, "QXCommon::CDataLoader::LoadFile", L"CreateFileW failed with error [" + std::to_wstring(error) + L"].\n");
-        EXPECT_LOGGED(log, 1, "QXCommonFunctions::GenerateFileHash", L"Failed to load file data for [" + path + L"].\n");
+        EXPECT_EQ(QXCommonFunctions::GenerateFileHash(c.path), L"");
+        EXPECT_EQ(GetLastError(), c.error);
+        EXPECT_LOGGED(log, 1, c.function, c.log);
+        EXPECT_EQ(log.Has(1, "QXCommonFunctions::GenerateFileHash", L"Failed to load file data for [" + c.path + L"].\n"),
+                  c.error != ERROR_INVALID_NAME) << log.Dump();
     }
-    QXCommon::CDataLoader loader;
-    EXPECT_EQ(loader.LoadFile(nullptr, 0, nullptr), 0);
+    QXCommon::CDataLoader loading;
+    ATL::CHandle large(CreateFileW(cases[5].path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(loading.LoadFile(nullptr, 0, large), 0); // a caller's handle alike
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_TOO_LARGE));
+    EXPECT_EQ(loading.LoadFile(nullptr, 0, nullptr), 0);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(loader.LoadFile(nullptr, 0, reinterpret_cast<HANDLE>(0x1234)), 0); // not a handle: no size
+    EXPECT_EQ(loading.LoadFile(nullptr, 0, reinterpret_cast<HANDLE>(0x1234)), 0); // not a handle
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
 }
 
 // A caller's handle is read from where it stands; a large freed block is used
@@ -153,6 +174,15 @@ TEST(FileHash, LoaderReadsTheCallersHandleAndReusesLargeBlocks)
     small.Unload();
     ASSERT_EQ(large.LoadFile(dir.File(L"g").c_str(), 0, nullptr), 1);
     EXPECT_TRUE(Loaded(large) == std::string(3 * MiB, 'x'));
+
+    // The block of a whole-file load beyond the hash's 8 MiB is given back,
+    // not kept for (and reused by) the loads that follow.
+    const size_t before = ProcessHeapInUse();
+    ASSERT_EQ(small.LoadFile(dir.WriteSparse(L"whole", 64 * MiB, {}).c_str(), 0, nullptr), 1);
+    for (const wchar_t* name : {L"whole", L"h", L"g", L"h"})
+        ASSERT_EQ(small.LoadFile(dir.File(name).c_str(), Cap, nullptr), 1);
+    small.Unload();
+    EXPECT_LT(ProcessHeapInUse(), before + Cap + 65536) << "heap in use grew from " << before;
 }
 
 TEST(FileHash, Adler32MatchesZlibOverLengthsAndAlignments)
@@ -423,6 +453,7 @@ TEST(HashCache, SlotLifeCycleAndBorrowedProvider)
             break;
     ASSERT_NE(index, TLS_OUT_OF_INDEXES) << log.Dump();
     const std::wstring slot = L"[" + std::to_wstring(index) + L"]";
+    std::optional<QXCommon::CHashStrategySha> copy, assigned(std::in_place, Sha256);
     ASSERT_TRUE(HashStrategyShaCacheHelper::InitTLS());
     EXPECT_LOGGED(log, 4, CacheFn + "InitTLS", L"Already created...\n");
     std::thread([&] {
@@ -435,13 +466,25 @@ TEST(HashCache, SlotLifeCycleAndBorrowedProvider)
         swprintf(hex, 24, L"%llX", static_cast<unsigned long long>(provider));
         EXPECT_EQ(hashHere(), abc);
         EXPECT_LOGGED(log, 4, "QXCommon::CHashStrategySha::CHashStrategySha", L"Using Cached CryptProv handle [" + std::wstring(hex) + L"]..\n");
-        QXCommon::CHashStrategySha(QXCommon::CHashStrategySha(Sha1)); // a borrower and its copy
-        HCRYPTHASH hash = 0; // the borrowers left the provider working
+        {
+            const QXCommon::CHashStrategySha borrower(Sha1);
+            copy.emplace(borrower);
+            *assigned = borrower;
+        }
+        HCRYPTHASH hash = 0; // the borrower left the provider working
         EXPECT_TRUE(CryptCreateHash(provider, CALG_SHA1, 0, 0, &hash));
         CryptDestroyHash(hash);
         EXPECT_TRUE(HashStrategyShaCacheHelper::DestroySharedContext());
         EXPECT_EQ(HashStrategyShaCacheHelper::GetSharedContext(), 0u);
     }).join();
+    // Copies of a borrower hold a reference of their own: they hash on after
+    // the lending thread released its provider and ended.
+    for (QXCommon::CHashStrategySha* s : {&*copy, &*assigned})
+    {
+        std::wstring text;
+        EXPECT_EQ(s->GenerateHash(reinterpret_cast<const BYTE*>("abc"), 3, text), 1);
+        EXPECT_EQ(text, Reference(Sha1, "abc"));
+    }
     EXPECT_TRUE(HashStrategyShaCacheHelper::UninitTLS());
     EXPECT_FALSE(HashStrategyShaCacheHelper::UninitTLS());
 }

@@ -41,12 +41,15 @@ DWORD OpenErrorOf(const std::wstring& path)
 }
 } // namespace
 
+// Headers far into a file are in sparse files (nothing on disk): "PE\0\0"
+// at farNt, the file ending with the NT headers.
 TEST(NTImage, CraftedHeaders)
 {
-    struct Case { const char* name; std::string bytes; BOOL isNTExe; const wchar_t* logText; int level; };
+    struct Case { const char* name; std::string bytes; BOOL isNTExe; std::wstring logText; int level; uint32_t farNt = 0; };
     const wchar_t* const noNt = L"No NT header so not NT exe file\n";
     const wchar_t* const shortFile = L"Short file so not NT EXE file\n";
-    const Case cases[] = { // logText: the line of TryCheckIsNTExe (null: none)
+    auto tooFar = [](uint32_t offset) { return L"NT header offset " + std::to_wstring(offset) + L" too far so not NT exe file\n"; };
+    const Case cases[] = { // logText: the line of TryCheckIsNTExe (empty: none)
         {"empty", "", FALSE, L"ReadFile() bytes read mismatch. dwBytesToRead 64 dwBytesRead 0\n", 1},
         {"shorter_than_dos_header", std::string("MZ") + std::string(61, 'x'), FALSE,
          L"ReadFile() bytes read mismatch. dwBytesToRead 64 dwBytesRead 63\n", 1},
@@ -54,27 +57,33 @@ TEST(NTImage, CraftedHeaders)
         {"lower_case_mz", Image(400, 0x40, 0x40, "mz"), FALSE, L"No DOS header - assume a COM file\n", 4},
         {"mz_text_offset_beyond_end", Image(200, 0x1000), FALSE, shortFile, 4},
         {"offset_huge_no_wrap", Image(400, 0x7FFFFFFF), FALSE, shortFile, 4},
-        {"offset_wraps_to_8", Image(400, 0xFFFFFF10), FALSE, noNt, 4},
-        {"offset_wraps_to_0", Image(400, 0xFFFFFF08), FALSE, noNt, 4},
-        {"offset_ffffffff", Image(400, 0xFFFFFFFF), FALSE, noNt, 4},
+        {"offset_wraps_to_8", Image(400, 0xFFFFFF10), FALSE, tooFar(0xFFFFFF10), 4},
+        {"offset_wraps_to_0", Image(400, 0xFFFFFF08), FALSE, tooFar(0xFFFFFF08), 4},
+        {"offset_ffffffff", Image(400, 0xFFFFFFFF), FALSE, tooFar(0xFFFFFFFF), 4},
         {"dos_only", Image(0x40 + 0xF8 + 100, 0x40), FALSE, noNt, 4}, {"offset_zero", Image(0x200, 0), FALSE, noNt, 4},
-        {"minimal_nt", Image(0x40 + 0xF8, 0x40, 0x40), TRUE, nullptr, 0},
+        {"minimal_nt", Image(0x40 + 0xF8, 0x40, 0x40), TRUE, L"", 0},
         {"nt_headers_one_byte_short", Image(0x40 + 0xF8 - 1, 0x40, 0x40), FALSE, shortFile, 4},
         {"truncated_after_signature", Image(0x80 + 24, 0x80, 0x80), FALSE, shortFile, 4},
         {"pe_without_zero_bytes", Image(0x200, 0x40).replace(0x40, 4, "PEab"), FALSE, noNt, 4},
-        {"nt_far_in_file", Image(0x10000 + 0xF8, 0x10000, 0x10000), TRUE, nullptr, 0},
+        {"nt_far_in_file", Image(0x10000 + 0xF8, 0x10000, 0x10000), TRUE, L"", 0},
+        {"nt_at_1_MiB", Image(64, 0x100000), TRUE, L"", 0, 0x100000},
+        // The image loader refuses these: answered without reading up to them.
+        {"nt_at_256_MiB", Image(64, 0x10000000), FALSE, tooFar(0x10000000), 4, 0x10000000},
+        {"nt_at_1_GiB", Image(64, 0x40000000), FALSE, tooFar(0x40000000), 4, 0x40000000},
     };
     QXTest::TempDir dir;
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.name);
-        std::wstring path = dir.Write(QXTest::Widen(c.name) + L".bin", c.bytes);
+        const std::wstring name = QXTest::Widen(c.name) + L".bin";
+        const std::wstring path = c.farNt == 0 ? dir.Write(name, c.bytes)
+                                               : dir.WriteSparse(name, c.farNt + 0xF8ull, {{0, c.bytes}, {c.farNt, std::string("PE\0\0", 4)}});
         QXTest::LogCapture capture;
         BOOL isNTExe = 7;
         EXPECT_EQ(TryCheckIsNTExe(path, isNTExe), 0u);
         EXPECT_EQ(isNTExe, c.isNTExe);
-        EXPECT_EQ(capture.Count(), c.logText ? 1u : 0u) << capture.Dump();
-        EXPECT_TRUE(c.logText == nullptr || capture.Has(c.level, TryCheck, c.logText)) << capture.Dump();
+        EXPECT_EQ(capture.Count(), c.logText.empty() ? 0u : 1u) << capture.Dump();
+        EXPECT_TRUE(c.logText.empty() || capture.Has(c.level, TryCheck, c.logText)) << capture.Dump();
         capture.Clear();
         EXPECT_EQ(IsNTExeOrAccessRestricted(path), c.isNTExe ? 1 : 0);
         EXPECT_LOGGED(capture, 4, Restricted, std::wstring(L"Check OK. IsNTExe [") + (c.isNTExe ? L"True" : L"False") + L"].\n");

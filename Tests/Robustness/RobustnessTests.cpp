@@ -3,6 +3,7 @@
 
 #include "QXTestSupport.h"
 
+#include "QXCommon/DataLoader.h"
 #include "QXCommon/EnvironmentEx.h"
 #include "QXCommon/ExpandArgs.h"
 #include "QXCommon/FilePathPatternMatcher.h"
@@ -10,6 +11,7 @@
 #include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/QXRegEx.h"
 #include "QXCommon/RegExHelpers.h"
+#include "QXCommon/SignatureAlgorithmStrategy.h"
 
 #include <gtest/gtest.h>
 
@@ -465,22 +467,101 @@ TEST(Findings, NonAsciiCharactersAreLiteralsOnEveryThread)
     EXPECT_EQ(regex.GetLastRxErrorCode(), static_cast<int>(std::regex_constants::error_badbrace));
 }
 
-// Devices and pipes are not disk files: answered at once, never read. Crafted
-// e_lfanew values, wrapped ones among them, get the answer the bytes call for.
-TEST(Findings, ImageCheckOnDevicesAndCraftedHeaders)
+namespace
 {
-    ATL::CHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\qxrobust_image", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr));
-    ASSERT_NE(pipe.m_h, INVALID_HANDLE_VALUE);
-    const wchar_t* const devices[] = {L"COM1", L"AUX", L"CON", L"NUL", L"CONIN$", L"\\\\.\\pipe\\qxrobust_image"};
-    OnSmallStack(
-        std::size(devices),
-        [&](size_t i) {
-            BOOL isNTExe = TRUE;
-            EXPECT_TRUE(QXCommonFunctions::TryCheckIsNTExe(devices[i], isNTExe) != 0 || !isNTExe) << Narrow(devices[i]);
-        },
-        [&](size_t i) { return Narrow(devices[i]); }, 5000);
+// A FIFO at path, made on the Unix side of Wine by the kernel's own mknodat
+// and removed by its unlinkat (Windows has no call that makes one, and Wine
+// deletes no special file). None (made false) unless under Wine on Linux.
+struct UnixFifo : QXTest::NoCopy
+{
+    explicit UnixFifo(const std::wstring& at) : path(at)
+    {
+        const auto unixName = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+        const auto host = reinterpret_cast<void(CDECL*)(const char**, const char**)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_host_version")));
+        const char *system = "", *release = "";
+        if (host != nullptr)
+            host(&system, &release);
+        char* name = unixName != nullptr && std::strcmp(system, "Linux") == 0 ? unixName(path.c_str()) : nullptr;
+        unixPath = name != nullptr ? name : "";
+        HeapFree(GetProcessHeap(), 0, name);
+        made = !unixPath.empty() && At(259 /* mknodat */, 010000 | 0600 /* S_IFIFO */) == 0;
+    }
+    ~UnixFifo()
+    {
+        if (made)
+            At(263 /* unlinkat */, 0);
+    }
+    // The system call (AT_FDCWD, unixPath, third, 0).
+    long long At(long long number, long long third) const
+    {
+        long long result = 0;
+        register long long fourth __asm__("r10") = 0;
+        __asm__ volatile("syscall" : "=a"(result) : "a"(number), "D"(-100LL), "S"(unixPath.c_str()), "d"(third), "r"(fourth)
+                         : "rcx", "r11", "memory");
+        return result;
+    }
+    std::wstring path;
+    std::string unixPath;
+    bool made = false;
+};
+} // namespace
 
+// Devices, pipes and FIFOs are not disk files: no image, no hash and no
+// checksum (never the empty file's), answered at once without a read, by
+// path and by a caller's handle. A device this machine lacks gets its open's
+// error. Crafted e_lfanew values, wrapped ones among them, get the answer
+// the bytes call for.
+TEST(Findings, DevicesAndPipesAreNoFilesAndCraftedHeaders)
+{
     QXTest::TempDir dir;
+    const std::wstring pipeName = L"\\\\.\\pipe\\qxrobust_device";
+    std::vector<ATL::CHandle> instances; // every open by path takes one
+    for (int k = 0; k < 4; ++k)
+    {
+        instances.emplace_back(CreateNamedPipeW(pipeName.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr));
+        ASSERT_NE(instances.back().m_h, INVALID_HANDLE_VALUE);
+    }
+    HANDLE readEnd = nullptr, writeEnd = nullptr;
+    ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
+    ATL::CHandle ownedRead(readEnd), ownedWrite(writeEnd);
+    const UnixFifo fifo(dir.File(L"fifo"));
+    std::vector<std::wstring> devices = {L"COM1", L"AUX", L"CON", L"NUL", L"\\\\.\\NUL", L"CONIN$", pipeName};
+    if (fifo.made)
+        devices.push_back(fifo.path);
+    else
+        std::printf("no FIFO case: FIFOs are made only under Wine on Linux\n");
+    SignatureAlgorithmStrategy::Get()->SetSignatureAlgorithm(SignatureAlgorithmSHA1);
+    OnSmallStack(
+        devices.size() + 1,
+        [&](size_t i) {
+            const DWORD notAFile = ERROR_NOT_SUPPORTED;
+            if (i == devices.size())
+            {
+                QXCommon::CDataLoader loader;
+                EXPECT_EQ(loader.LoadFile(L"ignored", 0, readEnd), 0);
+                EXPECT_EQ(GetLastError(), notAFile);
+                return;
+            }
+            const std::wstring& device = devices[i];
+            SCOPED_TRACE(Narrow(device));
+            ATL::CHandle probe(CreateFileW(device.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+            const DWORD opens = probe == INVALID_HANDLE_VALUE ? GetLastError() : 0;
+            if (opens != 0)
+                probe.Detach();
+            BOOL isNTExe = TRUE;
+            EXPECT_EQ(QXCommonFunctions::TryCheckIsNTExe(device, isNTExe), opens);
+            EXPECT_TRUE(opens != 0 || !isNTExe);
+            EXPECT_EQ(QXCommonFunctions::GenerateFileHash(device), L"");
+            EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
+            std::vector<wchar_t> buffer(device.begin(), device.end());
+            buffer.resize(MAX_PATH, L'\0');
+            EXPECT_EQ(CalculateAdler32Checksum(buffer.data()), 0);
+            EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
+        },
+        [&](size_t i) { return i < devices.size() ? Narrow(devices[i]) : std::string("an anonymous pipe's handle"); }, 5000);
+
     Gen g(6);
     for (int i = 0; i < 200; ++i)
     {

@@ -111,6 +111,31 @@ std::wstring TempDir::Write(const std::wstring& name, const std::string& bytes) 
     return path;
 }
 
+std::wstring TempDir::WriteSparse(const std::wstring& name, ULONGLONG size,
+                                  const std::vector<std::pair<ULONGLONG, std::string>>& pieces) const
+{
+    std::wstring path = File(name);
+    HANDLE raw = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    Check(raw != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
+    ATL::CHandle file(raw);
+    DWORD ignored = 0; // NTFS makes a file sparse only when asked; files on Unix are anyway
+    DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &ignored, nullptr);
+    auto seek = [&](ULONGLONG offset) {
+        LARGE_INTEGER at;
+        at.QuadPart = static_cast<LONGLONG>(offset);
+        Check(SetFilePointerEx(file, at, nullptr, FILE_BEGIN) != FALSE, "SetFilePointerEx " + Narrow(path));
+    };
+    for (const auto& [offset, bytes] : pieces)
+    {
+        seek(offset);
+        DWORD written = 0;
+        Check(WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) != FALSE, "WriteFile " + Narrow(path));
+    }
+    seek(size);
+    Check(SetEndOfFile(file) != FALSE, "SetEndOfFile " + Narrow(path));
+    return path;
+}
+
 std::wstring TempDir::MakeDir(const std::wstring& name) const
 {
     std::wstring path = File(name);

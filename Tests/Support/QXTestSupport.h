@@ -77,6 +77,10 @@ public:
     std::wstring File(const std::wstring& name) const { return m_path + L"\\" + name; }
     // Writes the bytes to a file in the folder and returns its path.
     std::wstring Write(const std::wstring& name, const std::string& bytes) const;
+    // A sparse file of `size` bytes holding each piece's bytes at its offset
+    // and zeros elsewhere: gigabytes that cost nothing on disk.
+    std::wstring WriteSparse(const std::wstring& name, ULONGLONG size,
+                             const std::vector<std::pair<ULONGLONG, std::string>>& pieces) const;
     std::wstring MakeDir(const std::wstring& name) const;
 
 private:

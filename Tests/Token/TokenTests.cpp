@@ -579,7 +579,9 @@ TEST(ProcessIdentity, IdsThatCannotBeOpened)
         DWORD id = 7;
         FILETIME time = {1, 2};
         EXPECT_EQ(identity.GetProcessIDAndCreateTime(key) + identity.GetProcessID(id) + identity.GetProcessStartTime(time), 39u);
-        EXPECT_EQ(identity.GetProcessIDAndCreateTime() + key + std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime), L"untouched10");
+        EXPECT_EQ(std::to_wstring(identity.GetProcessID()) + identity.GetProcessIDAndCreateTime() + key +
+                      std::to_wstring(id + time.dwLowDateTime + time.dwHighDateTime),
+                  L"0untouched10"); // the id given is not kept either
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessIDAndCreateTime", L"Process and create time string is invalid.\n");
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessID", L"Process ID is invalid\n");
         EXPECT_LOGGED(log, 1, std::string(Identity) + "GetProcessStartTime", L"Process start time is invalid.\n");
@@ -617,7 +619,7 @@ TEST(ProcessIdentity, LentHandleRules)
     identity.lent = foreign;
     EXPECT_EQ(identity.Initialise(child.Pid()), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_LOGGED(log, 1, std::string(Identity) + "Initialise", L"Get process times failed. error [6]\n");
-    EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty());
+    EXPECT_TRUE(!identity.IsValid() && identity.GetProcessIDAndCreateTime().empty() && identity.GetProcessID() == 0);
 }
 
 TEST(ProcessIdentity, ReusedIdGetsANewKey)

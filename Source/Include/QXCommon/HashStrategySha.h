@@ -3,7 +3,10 @@
 // calling thread's shared one when the thread holds one (see
 // HashStrategyShaCacheHelper), otherwise one acquired for this object alone.
 // An object that borrowed the thread's provider must stay on that thread and
-// be destroyed before the thread releases its provider.
+// be destroyed before the thread releases its provider. A copy (or an
+// assignment) holds a reference of its own to the provider, whichever way the
+// original got it, so a copy may move to another thread and outlive the
+// lender.
 
 #include "HashStrategy.h"
 #include "SignatureAlgorithm.h"
@@ -18,8 +21,8 @@ class QXCOMMON_API CHashStrategySha : public IHashStrategy
 {
 public:
     explicit CHashStrategySha(SignatureAlgorithm algorithm);
-    // A copy shares the provider (a private one is add-referenced) and has a
-    // hash object of its own.
+    // A copy shares the provider through a reference of its own (released by
+    // the copy, never borrowed) and has a hash object of its own.
     CHashStrategySha(const CHashStrategySha& other);
     CHashStrategySha& operator=(const CHashStrategySha& other);
     ~CHashStrategySha() override;

@@ -33,7 +33,7 @@ public:
     // is opened with PROCESS_QUERY_INFORMATION | PROCESS_DUP_HANDLE; its error
     // is returned when it cannot be (87 for an id that names no process). A
     // failure of GetProcessTimes returns its error, never 0. On failure the
-    // object is left not valid with an empty key.
+    // object is left empty: not valid, id 0, empty key.
     DWORD Initialise(DWORD processId);
     DWORD Initialise(); // the calling process
     // Back to empty; closes a held handle. Returns 0.

@@ -47,7 +47,9 @@ QXCOMMON_API bool IsWow64FSRedirectionEnabled();
 // ---- Executable-image check ------------------------------------------------
 
 // Reads the file's DOS and NT headers. Returns 0 when the check ran (isNTExe
-// then holds 1 or 0) or the Win32 error that stopped it.
+// then holds 1 or 0) or the Win32 error that stopped it. What is not a disk
+// file, and NT headers 256 MiB or more into the file, are no image, answered
+// without a read.
 QXCOMMON_API DWORD TryCheckIsNTExe(const std::wstring& path, BOOL& isNTExe);
 // 1 when the file is an NT image, or exists, is not a folder and may not be
 // read by the caller; 0 otherwise.
@@ -108,7 +110,9 @@ namespace QXCommonFunctions
 // (8,388,608 bytes) with the process's algorithm (SignatureAlgorithmStrategy),
 // SHA-1 and SHA-256 as lower-case and Adler-32 as upper-case hex text. Empty
 // when no algorithm is set or the file cannot be read (the thread's last
-// error then tells why). The C export CalculateAdler32Checksum is declared
-// in SignatureAlgorithmStrategy.h.
+// error then tells why: ERROR_INVALID_NAME for a path holding a NUL,
+// ERROR_NOT_SUPPORTED for what is not a disk file, ERROR_FILE_TOO_LARGE from
+// 4 GiB on). The C export CalculateAdler32Checksum is declared in
+// SignatureAlgorithmStrategy.h.
 QXCOMMON_API std::wstring GenerateFileHash(const std::wstring& path);
 } // namespace QXCommonFunctions
