@@ -2,6 +2,7 @@
 
 #include "QXCommon/ImpersonationSaver.h"
 
+#include "DiskFile.h"
 #include "QXLog.h"
 #include "TokenDetail.h"
 
@@ -73,8 +74,7 @@ std::wstring AccountText(const ATL::CSid& sid)
 // a pipe server at the other end of a pipe path learns nothing of the
 // identity that opens it and cannot act as it.
 constexpr DWORD ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-constexpr DWORD ReopenFlags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
-constexpr DWORD OpenFlags = ReopenFlags | SECURITY_SQOS_PRESENT | SECURITY_ANONYMOUS;
+constexpr DWORD OpenFlags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
 // The result for a path that does not lead to the file it names.
 constexpr DWORD NotTheNamedFile = ERROR_CANT_ACCESS_FILE; // 1920
 
@@ -85,10 +85,11 @@ struct OpenFile
     bool canSetOwner = false; // opened with WRITE_OWNER too
 };
 
-// CreateFileW; null (with the last error) when it fails.
+// CreateFileW with an anonymous quality of service; null (with the last
+// error) when it fails.
 HANDLE OpenByPath(const std::wstring& path, DWORD access)
 {
-    const HANDLE handle = ::CreateFileW(path.c_str(), access, ShareAll, nullptr, OPEN_EXISTING, OpenFlags, nullptr);
+    const HANDLE handle = Detail::OpenToRead(path.c_str(), access, ShareAll, OpenFlags);
     return handle != INVALID_HANDLE_VALUE ? handle : nullptr;
 }
 
@@ -431,7 +432,7 @@ DWORD SetOwner(const std::wstring& path, OpenFile* checked, const ATL::CAccessTo
     }
     else if (checked != nullptr)
     {
-        const HANDLE reopened = ::ReOpenFile(checked->handle, WRITE_OWNER, ShareAll, ReopenFlags);
+        const HANDLE reopened = ::ReOpenFile(checked->handle, WRITE_OWNER, ShareAll, OpenFlags);
         if (reopened != INVALID_HANDLE_VALUE)
             opened.Attach(reopened);
         else
