@@ -1,7 +1,8 @@
 // File ownership: a checked hand-over against the same platform work written
-// inline (impersonate, read the descriptor once into a large buffer, open and
-// duplicate the thread token, AccessCheck, revert, enable the restore
-// privilege, set the owner, put the privilege back).
+// inline (impersonate, open the file once, make sure it is the file the path
+// names, read the descriptor through the handle into a large buffer, open and
+// duplicate the thread token, AccessCheck, enable the restore privilege, set
+// the owner through the handle, put the privilege back, revert).
 
 #include "Bench.h"
 
@@ -41,8 +42,17 @@ void Run(qxbench::Runner& runner)
         },
         [&] {
             ImpersonateLoggedOnUser(token.GetHandle());
+            HANDLE file = CreateFileW(path.c_str(), READ_CONTROL | WRITE_OWNER, 7, nullptr, OPEN_EXISTING,
+                                      FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+            wchar_t full[MAX_PATH], final[MAX_PATH];
+            GetFullPathNameW(path.c_str(), MAX_PATH, full, nullptr);
+            FILE_ATTRIBUTE_TAG_INFO tag{};
+            const bool named = GetFileType(file) == FILE_TYPE_DISK &&
+                               GetFinalPathNameByHandleW(file, final, MAX_PATH, 0) != 0 &&
+                               CompareStringOrdinal(full, -1, final + 4, -1, TRUE) == CSTR_EQUAL &&
+                               GetFileInformationByHandleEx(file, FileAttributeTagInfo, &tag, sizeof tag);
             DWORD needed = 0;
-            GetFileSecurityW(path.c_str(), 7, descriptor.data(), static_cast<DWORD>(descriptor.size()), &needed);
+            GetKernelObjectSecurity(file, 7, descriptor.data(), static_cast<DWORD>(descriptor.size()), &needed);
             HANDLE thread = nullptr, check = nullptr;
             OpenThreadToken(GetCurrentThread(), TOKEN_QUERY | TOKEN_DUPLICATE, FALSE, &thread);
             DuplicateToken(thread, SecurityImpersonation, &check);
@@ -52,13 +62,14 @@ void Run(qxbench::Runner& runner)
             AccessCheck(descriptor.data(), check, WRITE_OWNER, &mapping, privileges, &length, &granted, &status);
             CloseHandle(check);
             CloseHandle(thread);
-            RevertToSelf();
             ATL::CTokenPrivileges previous;
             process.EnablePrivilege(SE_RESTORE_NAME, &previous);
-            SetNamedSecurityInfoW(const_cast<LPWSTR>(path.c_str()), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION,
-                                  const_cast<SID*>(user.GetPSID()), nullptr, nullptr, nullptr);
+            SetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, const_cast<SID*>(user.GetPSID()), nullptr,
+                            nullptr, nullptr);
             process.EnableDisablePrivileges(previous);
-            qxbench::KeepAlive(status);
+            CloseHandle(file);
+            RevertToSelf();
+            qxbench::KeepAlive(status && named);
         },
         1, L"a disk file in %TEMP% handed to this process's user, log off");
     DeleteFileW(path.c_str());

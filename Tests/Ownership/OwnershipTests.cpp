@@ -1,8 +1,9 @@
 // Handing a file over to a user. Most cases use named pipes: a pipe keeps the
 // descriptor the test gives it, so it can be read, checked and changed by
-// path. The fixture's two tokens differ only in the Administrators group, and
-// every test must leave the restore privilege and the thread's impersonation
-// as it found them.
+// path. Links on the path are real folder links (junctions, or Unix symbolic
+// links where the platform makes no junction). The fixture's two tokens
+// differ only in the Administrators group, and every test must leave the
+// restore privilege and the thread's impersonation as it found them.
 
 #include "QXTestSupport.h"
 #include "TokenTestSupport.h"
@@ -13,6 +14,11 @@
 #include <sddl.h>
 
 #include <gtest/gtest.h>
+
+#include <winioctl.h>
+
+#include <algorithm>
+#include <optional>
 
 namespace
 {
@@ -36,7 +42,7 @@ public:
             return;
         SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
         for (int i = 0; i < instances; ++i)
-            m_instances.push_back(CreateNamedPipeW(m_path.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
+            m_instances.push_back(CreateNamedPipeW(m_path.c_str(), PIPE_ACCESS_DUPLEX | WRITE_DAC, PIPE_TYPE_BYTE,
                                                    PIPE_UNLIMITED_INSTANCES, 0, 0, 0, &attributes));
         LocalFree(descriptor);
     }
@@ -46,19 +52,115 @@ public:
             CloseHandle(instance);
     }
     const std::wstring& Path() const { return m_path; }
+    HANDLE Server() const { return m_instances.empty() ? nullptr : m_instances.front(); }
 
 private:
     std::wstring m_path;
     std::vector<HANDLE> m_instances;
 };
 
-// The owner's SID as the system reads it back; "<error N>".
-std::wstring OwnerOf(const std::wstring& path)
+// Which file a handle is ("volume:index"); "" when it cannot be read.
+std::wstring IdOf(HANDLE file)
+{
+    BY_HANDLE_FILE_INFORMATION information{};
+    return GetFileInformationByHandle(file, &information)
+               ? std::to_wstring(information.dwVolumeSerialNumber) + L":" +
+                     std::to_wstring((ULONGLONG(information.nFileIndexHigh) << 32) | information.nFileIndexLow)
+               : L"";
+}
+
+// Which file a path leads to, links followed.
+std::wstring IdOf(const std::wstring& path)
+{
+    const HANDLE file = CreateFileW(path.c_str(), READ_CONTROL, 7, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    return file != INVALID_HANDLE_VALUE ? IdOf(ATL::CHandle(file)) : L"";
+}
+
+// A folder link made the platform's way, removed again with the object: a
+// junction, or where the platform makes none (Wine) a Unix symbolic link
+// through its Z: drive. Made() when the link leads to the target.
+class FolderLink : QXTest::NoCopy
+{
+public:
+    FolderLink(const std::wstring& link, const std::wstring& target) : m_link(link)
+    {
+        if (!MakeJunction(target))
+        {
+            using UnixName = char*(CDECL*)(const wchar_t*);
+            const auto unixName = reinterpret_cast<UnixName>(
+                reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+            char* from = unixName != nullptr ? unixName(link.c_str()) : nullptr;
+            char* to = unixName != nullptr ? unixName(target.c_str()) : nullptr;
+            if (from != nullptr && to != nullptr)
+            {
+                m_unixLink = QXTest::Widen(from);
+                Unix(L"ln -s \"" + QXTest::Widen(to) + L"\" \"" + m_unixLink + L"\"",
+                     [&] { return IdOf(link) == IdOf(target); });
+            }
+            HeapFree(GetProcessHeap(), 0, from);
+            HeapFree(GetProcessHeap(), 0, to);
+        }
+        m_made = !IdOf(target).empty() && IdOf(link) == IdOf(target);
+    }
+    ~FolderLink()
+    {
+        if (!m_unixLink.empty())
+            Unix(L"rm -f \"" + m_unixLink + L"\"", [&] { return GetFileAttributesW(m_link.c_str()) == INVALID_FILE_ATTRIBUTES; });
+        else
+            RemoveDirectoryW(m_link.c_str());
+    }
+    bool Made() const { return m_made; }
+
+private:
+    // Wine runs a Unix program without waiting for it: its effect is awaited, for at most ten seconds.
+    template <typename Done>
+    static void Unix(const std::wstring& command, Done done)
+    {
+        QXTest::RunProcess(L"Z:\\bin\\" + command, 30000);
+        for (int i = 0; i < 1000 && !done(); ++i)
+            Sleep(10);
+    }
+
+    bool MakeJunction(const std::wstring& target) const
+    {
+        if (!CreateDirectoryW(m_link.c_str(), nullptr))
+            return false;
+        const std::wstring name = L"\\??\\" + target;
+        const WORD bytes = static_cast<WORD>(name.size() * sizeof(wchar_t));
+        // A mount point's reparse data: substitute name and an empty print name, each ended by a NUL.
+        std::vector<BYTE> data(8 + 8 + bytes + 4);
+        const DWORD tag = IO_REPARSE_TAG_MOUNT_POINT;
+        const WORD header[6] = {static_cast<WORD>(data.size() - 8), 0, 0, bytes, static_cast<WORD>(bytes + 2), 0};
+        memcpy(data.data(), &tag, 4);
+        memcpy(data.data() + 4, header, sizeof header);
+        memcpy(data.data() + 16, name.data(), bytes);
+        const HANDLE folder = CreateFileW(m_link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+        DWORD returned = 0;
+        const bool made = folder != INVALID_HANDLE_VALUE &&
+                          DeviceIoControl(ATL::CHandle(folder), FSCTL_SET_REPARSE_POINT, data.data(),
+                                          static_cast<DWORD>(data.size()), nullptr, 0, &returned, nullptr);
+        if (!made)
+            RemoveDirectoryW(m_link.c_str());
+        return made;
+    }
+
+    std::wstring m_link, m_unixLink;
+    bool m_made = false;
+};
+
+// The owner's SID as the system reads it back (of an object through a handle
+// to it, else by path); "<error N>".
+std::wstring OwnerOf(const std::wstring& path, HANDLE object = nullptr)
 {
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    const DWORD error = GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner,
-                                              nullptr, nullptr, nullptr, &descriptor);
+    const DWORD error =
+        object != nullptr
+            ? GetSecurityInfo(object, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
+                              &descriptor)
+            : GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                    nullptr, &descriptor);
     if (error != ERROR_SUCCESS)
         return L"<error " + std::to_wstring(error) + L">";
     std::wstring text = QXTest::SidText(owner);
@@ -135,7 +237,9 @@ protected:
 };
 
 enum Way { Impersonating, NotImpersonating, Direct };
-enum Target { Pipe, BigPipe, BusyBigPipe, Missing, MissingDir, NulPath };
+// The pipes first; a big one's descriptor takes more than 256 bytes.
+enum Target { Pipe, BigPipe, SingleBigPipe, GrowingPipe, Missing, MissingDir, NulPath, LinkAtEnd, LinkOnPath, Device,
+              OwnerOnlyByPrivilege };
 enum Given { Full, Denied, Empty };
 enum Thread { Nothing, AsFull, AsDenied, Identification, Anonymous };
 
@@ -187,6 +291,42 @@ std::wstring Fill(std::wstring text, const std::vector<std::pair<std::wstring, s
     return text;
 }
 
+// GetKernelObjectSecurity for the library: after a first read that finds its
+// buffer too small, the pipe's DACL grows before the second read.
+HANDLE growingPipe = nullptr;
+BOOL WINAPI ReadThenGrow(HANDLE object, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR buffer, DWORD size, LPDWORD needed)
+{
+    if (GetKernelObjectSecurity(object, parts, buffer, size, needed))
+        return TRUE;
+    const DWORD error = GetLastError();
+    std::wstring sddl = L"D:(A;;WO;;;BA)";
+    for (int i = 0; i < 60; ++i)
+        sddl += L"(A;;FR;;;S-1-5-21-4-5-6-" + std::to_wstring(1000 + i) + L")";
+    PSECURITY_DESCRIPTOR grown = nullptr;
+    BOOL present = FALSE, defaulted = FALSE;
+    PACL dacl = nullptr;
+    if (error == ERROR_INSUFFICIENT_BUFFER &&
+        ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, &grown, nullptr))
+    {
+        GetSecurityDescriptorDacl(grown, &present, &dacl, &defaulted);
+        SetSecurityInfo(growingPipe, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr);
+        LocalFree(grown);
+    }
+    SetLastError(error);
+    return FALSE;
+}
+
+// CreateFileW for the library, where only a privilege would grant WRITE_OWNER
+// to an open by path (a service's restore privilege, which the open of a
+// disk file here does not need).
+HANDLE WINAPI OpenWithoutWriteOwner(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
+                                    DWORD disposition, DWORD flags, HANDLE model)
+{
+    if ((access & WRITE_OWNER) != 0)
+        return SetLastError(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
+    return CreateFileW(path, access, share, attributes, disposition, flags, model);
+}
+
 DWORD Hand(Way way, CChangeFileOwner& owner, const std::wstring& path, const ATL::CAccessToken& token)
 {
     if (way == Impersonating)
@@ -199,6 +339,8 @@ DWORD Hand(Way way, CChangeFileOwner& owner, const std::wstring& path, const ATL
 
 TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
 {
+    const std::vector<Log> Unread = {{1, "DoChangeOwner", L"Could not read Security Descriptor [1920].\n"}};
+    const std::vector<Log> Unset = {{1, "SetOwnershipOnFileDirect", L"Could not set file owner [result 1920] on file [{path}].\n"}};
     std::wstring bigPipe = L"O:SYG:SYD:";
     for (int i = 0; i < 40; ++i)
         bigPipe += L"(A;;FR;;;S-1-5-21-1-2-3-" + std::to_wstring(1000 + i) + L")";
@@ -224,10 +366,12 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
         {"a descriptor over 256 bytes", Impersonating, BigPipe, Full, Nothing, 0,
          {{4, "GetSecurityDescriptorFromFile", L"GetFileSecurity() first call result [122] - expected sometimes.\n"},
           {4, "GetSecurityDescriptorFromFile", L"Calling GetFileSecurity() with buffer size {size}.\n"}}},
-        {"a second read that fails (one pipe instance, taken by the first)", Impersonating, BusyBigPipe, Full, Nothing,
-         ERROR_PIPE_BUSY,
-         {{1, "GetSecurityDescriptorFromFile", L"GetFileSecurity() second call - unexpected result [231].\n"},
-          {1, "DoChangeOwner", L"Could not read Security Descriptor [231].\n"}}},
+        {"one open reads, checks and changes (a pipe with one instance)", Impersonating, SingleBigPipe, Full, Nothing, 0,
+         {{4, "GetSecurityDescriptorFromFile", L"Calling GetFileSecurity() with buffer size {size}.\n"}}},
+        {"a descriptor that grows between the two reads", Impersonating, GrowingPipe, Full, Nothing,
+         ERROR_INSUFFICIENT_BUFFER,
+         {{1, "GetSecurityDescriptorFromFile", L"GetFileSecurity() second call - unexpected result [122].\n"},
+          {1, "DoChangeOwner", L"Could not read Security Descriptor [122].\n"}}},
         {"a missing file reads, then fails the check", Impersonating, Missing, Full, Nothing, 2,
          {{4, "GetSecurityDescriptorFromFile",
            L"GetFileSecurity() first call - file does not exist (Treat as success!).\n"},
@@ -250,8 +394,27 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
          {{1, "ChangeOwner", L"Impersonate failed error [{result}].\n"}}},
         {"a direct change for an empty token", Direct, Pipe, Empty, Nothing, ERROR_INVALID_HANDLE,
          {{1, "SetOwnershipOnFileDirect", L"Load Failed [6].\n"}}},
+        {"impersonating while the caller impersonates at anonymous level", Impersonating, Pipe, Full, Anonymous, 0, {}},
+        {"a link in place of the file", Impersonating, LinkAtEnd, Full, Nothing, ERROR_CANT_ACCESS_FILE, Unread},
+        {"a folder on the path that is a link", Impersonating, LinkOnPath, Full, Nothing, ERROR_CANT_ACCESS_FILE, Unread},
+        {"not impersonating: a link in place of the file", NotImpersonating, LinkAtEnd, Full, Nothing,
+         ERROR_CANT_ACCESS_FILE, Unread},
+        {"not impersonating: a linked folder on the path", NotImpersonating, LinkOnPath, Full, Nothing,
+         ERROR_CANT_ACCESS_FILE, Unread},
+        {"a direct change of a link in place of the file", Direct, LinkAtEnd, Full, Nothing, ERROR_CANT_ACCESS_FILE,
+         Unset},
+        {"a direct change through a linked folder", Direct, LinkOnPath, Full, Nothing, ERROR_CANT_ACCESS_FILE, Unset},
+        {"WRITE_OWNER from a second open of the file read (as with the restore privilege)", NotImpersonating,
+         OwnerOnlyByPrivilege, Full, Nothing, 0,
+         {{4, "SetOwnershipOnFileDirect", L"Successfully set file owner on file [{path}].\n"}}},
+        {"a device is no file", NotImpersonating, Device, Full, Nothing, ERROR_CANT_ACCESS_FILE,
+         {{1, "GetSecurityDescriptorFromFile", L"Refused: [\\\\.\\NUL] names no file.\n"}}},
     };
     QXTest::TempDir dir;
+    const std::wstring other = dir.MakeDir(L"other");
+    dir.Write(L"other\\secret.txt", "data");
+    FolderLink link(dir.File(L"link"), other);
+    ASSERT_TRUE(link.Made()) << "no folder link could be made";
     ATL::CAccessToken empty, process;
     ASSERT_TRUE(process.GetProcessToken(TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY));
     const ATL::CAccessToken* tokens[] = {&full, &denied, &empty};
@@ -265,18 +428,31 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
         for (const Row& row : rows)
         {
             SCOPED_TRACE(row.name);
-            SecuredPipe pipe(row.target == Pipe ? AdminsMayTake : bigPipe, row.target == BusyBigPipe ? 1 : 8);
-            const std::wstring paths[] = {pipe.Path(), pipe.Path(), pipe.Path(), dir.File(L"missing.txt"),
-                                          dir.File(L"none\\missing.txt"), std::wstring(L"C:\\a\0b", 6)};
+            SecuredPipe pipe(row.target == Pipe ? AdminsMayTake : bigPipe, row.target == SingleBigPipe ? 1 : 8);
+            const std::wstring paths[] = {pipe.Path(), pipe.Path(), pipe.Path(), pipe.Path(), dir.File(L"missing.txt"),
+                                          dir.File(L"none\\missing.txt"), std::wstring(L"C:\\a\0b", 6),
+                                          dir.File(L"link"), dir.File(L"link\\secret.txt"), L"\\\\.\\NUL",
+                                          dir.File(L"other\\secret.txt")};
             const std::wstring& path = paths[row.target];
+            const bool pipeTarget = row.target <= GrowingPipe;
+            // What the library should read, through the pipe's server end (which takes no instance).
             std::vector<BYTE> descriptor(4096);
             DWORD size = 0;
             LPWSTR sddl = nullptr;
-            ASSERT_TRUE(row.target > BigPipe ||
-                        (GetFileSecurityW(path.c_str(), 7, descriptor.data(), 4096, &size) &&
+            ASSERT_TRUE(!pipeTarget ||
+                        (GetKernelObjectSecurity(pipe.Server(), 7, descriptor.data(), 4096, &size) &&
                          ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor.data(), 1, 7, &sddl, nullptr)));
             const std::wstring sddlText = sddl != nullptr ? sddl : L"";
+            size = pipeTarget ? GetSecurityDescriptorLength(descriptor.data()) : 0;
             LocalFree(sddl);
+            growingPipe = pipe.Server();
+            std::optional<QXTest::ImportPatch> standIn; // the row's stand-in for one of the library's imports
+            if (row.target == GrowingPipe)
+                standIn.emplace(L"QXCommon.dll", "advapi32.dll", "GetKernelObjectSecurity",
+                             reinterpret_cast<void*>(&ReadThenGrow));
+            if (row.target == OwnerOnlyByPrivilege)
+                standIn.emplace(L"QXCommon.dll", "kernel32.dll", "CreateFileW", reinterpret_cast<void*>(&OpenWithoutWriteOwner));
+            ASSERT_TRUE(!standIn || standIn->Installed());
 
             QXTest::RevertAtExit revert;
             if (row.thread != Nothing)
@@ -305,9 +481,13 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
                                   L"FileAccessCheck - no WRITE access to file.\n"),
                           row.result == ERROR_ACCESS_DENIED);
             }
-            if (row.target <= BigPipe && row.given <= Denied)
+            if (pipeTarget && row.given <= Denied)
             {
-                EXPECT_EQ(OwnerOf(path), result == 0 ? user : L"S-1-5-18");
+                EXPECT_EQ(OwnerOf(path, pipe.Server()), result == 0 ? user : L"S-1-5-18");
+            }
+            if (row.result == ERROR_CANT_ACCESS_FILE)
+            {
+                EXPECT_TRUE(log.HasFragment(L"Refused: [" + path + L"]")) << log.Dump();
             }
             std::vector<Log> expected = row.logs;
             if (row.way == Impersonating && row.result == 0)
@@ -325,17 +505,25 @@ TEST_F(Ownership, EveryOutcomeWithTheRestorePrivilegeOffAndOn)
                                                        : process.DisablePrivilege(SE_RESTORE_NAME));
 }
 
+// Disk files and folders, named in the forms callers use, are the files the
+// paths name: each is handed over exactly when the platform's own AccessCheck
+// grants the token WRITE_OWNER.
 TEST_F(Ownership, DiskFilesFollowThePlatformsAnswer)
 {
     QXTest::TempDir dir;
-    SecuredPipe ownedByUser(L"O:" + user + L"G:SYD:(A;;FR;;;WD)");
-    const std::wstring targets[] = {dir.Write(L"file.txt", "data"), dir.MakeDir(L"folder"), ownedByUser.Path()};
-    bool kept = true;
-    for (const std::wstring& path : targets)
+    const std::wstring file = dir.Write(L"a long file name.txt", "data"), folder = dir.MakeDir(L"A Long Folder");
+    wchar_t shortName[MAX_PATH] = L"";
+    ASSERT_NE(GetShortPathNameW(file.c_str(), shortName, MAX_PATH), 0u);
+    SecuredPipe ownedByUser(L"O:" + user + L"G:SYD:(A;;FR;;;WD)", 16);
+    std::wstring upper = file, slashes = file, upperPipe = ownedByUser.Path();
+    CharUpperW(upper.data());
+    CharUpperW(upperPipe.data());
+    std::replace(slashes.begin(), slashes.end(), L'\\', L'/');
+    const std::wstring paths[] = {file, upper, slashes, L"\\\\?\\" + file, dir.File(L".\\none\\..\\a long file name.txt"),
+                                  shortName, folder, folder + L"\\", ownedByUser.Path(), upperPipe};
+    for (const std::wstring& path : paths)
     {
         SCOPED_TRACE(QXTest::Narrow(path));
-        if (path != ownedByUser.Path())
-            kept = SetDescriptor(path, AdminsMayTake) && kept;
         for (const ATL::CAccessToken* token : {&denied, &full})
         {
             // On a pipe owned by the user, Windows refuses both tokens; some
@@ -346,9 +534,85 @@ TEST_F(Ownership, DiskFilesFollowThePlatformsAnswer)
             EXPECT_EQ(owner.IsAuditRequired(), grants ? 1 : 0);
         }
     }
-    if (!kept)
-        GTEST_SKIP() << "this platform makes a disk file's descriptor up from its owner and mode and keeps no owner "
-                        "or DACL set on it: refusals and owner changes are shown on named pipes";
+}
+
+TEST_F(Ownership, DiskFilesKeepWhatIsHandedOver)
+{
+    QXTest::TempDir dir;
+    for (const std::wstring& path : {dir.Write(L"file.txt", "data"), dir.MakeDir(L"folder")})
+    {
+        SCOPED_TRACE(QXTest::Narrow(path));
+        if (!SetDescriptor(path, AdminsMayTake))
+            GTEST_SKIP() << "this platform makes a disk file's descriptor up from its owner and mode and keeps no "
+                            "owner or DACL set on it: refusals and owner changes are shown on named pipes";
+        CChangeFileOwner owner;
+        EXPECT_EQ(owner.ChangeOwner(path, denied), 5u);
+        EXPECT_EQ(OwnerOf(path), L"S-1-5-18");
+        EXPECT_EQ(owner.ChangeOwner(path, full), 0u);
+        EXPECT_EQ(OwnerOf(path), user);
+    }
+}
+
+// The folder named is swapped for a link to another folder while the call
+// runs (from the access check, between the read and the change): the owner
+// change acts on the folder that was read and checked, wherever it now is,
+// never on the one the link leads to.
+TEST_F(Ownership, ALinkSwappedInDuringTheCallChangesNothingElse)
+{
+    static struct
+    {
+        std::wstring named, away, other, changed; // changed: which file the owner change acted on
+        std::optional<FolderLink> link;
+    } swap;
+    struct StandIn
+    {
+        static BOOL WINAPI Check(PSECURITY_DESCRIPTOR descriptor, HANDLE token, DWORD desired, PGENERIC_MAPPING mapping,
+                                 PPRIVILEGE_SET privileges, LPDWORD length, LPDWORD granted, LPBOOL status)
+        {
+            if (MoveFileW(swap.named.c_str(), swap.away.c_str()))
+                swap.link.emplace(swap.named, swap.other);
+            return AccessCheck(descriptor, token, desired, mapping, privileges, length, granted, status);
+        }
+        static DWORD WINAPI SetByHandle(HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner,
+                                        PSID group, PACL dacl, PACL sacl)
+        {
+            swap.changed = IdOf(object);
+            return SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
+        }
+        static DWORD WINAPI SetByName(LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner,
+                                      PSID group, PACL dacl, PACL sacl)
+        {
+            swap.changed = IdOf(std::wstring(name));
+            return SetNamedSecurityInfoW(name, type, parts, owner, group, dacl, sacl);
+        }
+    };
+    QXTest::TempDir dir;
+    struct Unlink
+    {
+        ~Unlink() { swap.link.reset(); } // before the folder goes, whatever happened
+    } unlink;
+    swap.other = dir.MakeDir(L"other");
+    if (!FolderLink(dir.File(L"probe"), swap.other).Made())
+        GTEST_SKIP() << "this platform makes no folder link here";
+    const QXTest::ImportPatch check(L"QXCommon.dll", "advapi32.dll", "AccessCheck", reinterpret_cast<void*>(&StandIn::Check));
+    const QXTest::ImportPatch byHandle(L"QXCommon.dll", "advapi32.dll", "SetSecurityInfo",
+                                       reinterpret_cast<void*>(&StandIn::SetByHandle));
+    const QXTest::ImportPatch byName(L"QXCommon.dll", "advapi32.dll", "SetNamedSecurityInfoW",
+                                     reinterpret_cast<void*>(&StandIn::SetByName));
+    ASSERT_TRUE(check.Installed() && (byHandle.Installed() || byName.Installed()));
+    for (Way way : {Impersonating, NotImpersonating})
+    {
+        SCOPED_TRACE(way);
+        swap.named = dir.MakeDir(L"named" + std::to_wstring(way));
+        swap.away = dir.File(L"away" + std::to_wstring(way));
+        swap.changed.clear();
+        CChangeFileOwner owner;
+        EXPECT_EQ(Hand(way, owner, swap.named, full), 0u);
+        ASSERT_TRUE(swap.link && swap.link->Made()) << "the folder was not swapped for a link during the call";
+        EXPECT_EQ(swap.changed, IdOf(swap.away));
+        EXPECT_NE(swap.changed, IdOf(swap.other));
+        swap.link.reset();
+    }
 }
 
 TEST_F(Ownership, HeldDescriptorCopiesAndGenericMapping)
@@ -382,6 +646,7 @@ TEST_F(Ownership, HeldDescriptorCopiesAndGenericMapping)
     for (Probe* held : {&copy, &assigned})
     {
         EXPECT_EQ(held->IsAuditRequired(), 1);
+        EXPECT_EQ(held->SetOwnershipOnFile(full), 0u); // the path is copied with the descriptor
         for (const auto& [desired, expected] : rows)
         {
             bool granted = !expected;

@@ -6,6 +6,16 @@
 // then is the owner set to the user's SID, with the restore privilege enabled
 // in the process token for the moment of the change.
 //
+// The file is opened once, by path, as the identity the calling thread acts
+// with, and the descriptor is read, checked and the owner set through that one
+// handle, so that a link put in place of the file, or of a folder on its path,
+// between the steps changes nothing. The handle must be the file the path
+// names: a path that leads elsewhere (a symbolic link or junction on it or at
+// its end, a mount point, a drive letter that maps a folder or a share) or to
+// something that is no file (a volume, a device) is refused with
+// ERROR_CANT_ACCESS_FILE (1920) and nothing is changed. The same holds for
+// ChangeOwnerNoImpersonation and SetOwnershipOnFileDirect.
+//
 // Results are Win32 error codes (0: the owner was changed). A user refused
 // by the check gives ERROR_ACCESS_DENIED (5) and nothing is changed. A file
 // that does not exist reads as a descriptor that was read successfully; the
@@ -75,8 +85,10 @@ protected:
     // with TOKEN_QUERY.
     DWORD FileAccessCheck(HANDLE token, bool& granted, DWORD desiredAccess);
     // Reads owner, group and DACL of the stored path into the held descriptor
-    // (none held when the file does not exist).
+    // (none held when the file does not exist), through an open of the file
+    // that is refused when it is not the file the path names.
     DWORD GetSecurityDescriptorFromFile();
+    // SetOwnershipOnFileDirect of the stored path.
     DWORD SetOwnershipOnFile(const ATL::CAccessToken& userToken);
 
 private:
