@@ -12,7 +12,7 @@
 #include "PlatformPeers.h"
 
 #include "CertificateFixtures.h"
-#include "Decision.h"
+#include "Evaluation.h"
 
 #include "QXCommon/HashStrategyShaCacheHelper.h"
 
@@ -112,19 +112,23 @@ void RunDecision(qxbench::Runner& runner)
     const std::wstring program = QXTest::Certs::FixturePath(L"signed.exe");
     QXTest::Certs::TestRootTrust trust;
     const std::wstring sha256 = HashFile(program, false, true, false).sha256;
-    std::vector<Rule> rules;
+    const RuleSet ruleSet = ParseRuleSet(MakeRules(program, sha256), L"bench");
     std::wstring error;
-    if (!trust.Ok() || sha256.empty() ||
-        !ParseRules(MakeRules(program, sha256), L"bench", rules, error))
+    if (!trust.Ok() || sha256.empty() || !ruleSet.problems.empty())
     {
-        fputws((L"check: the fixtures are missing (build the tests first) " + error + L"\n").c_str(), stdout);
+        fputws((L"check: the fixtures are missing (build the tests first) " +
+                (ruleSet.problems.empty() ? L"" : NoteText(ruleSet.problems[0], false)) + L"\n")
+                   .c_str(),
+               stdout);
         return;
     }
-    Walk walk;
+    const std::vector<Rule>& rules = ruleSet.rules;
+    ProgramStart walk;
     walk.commandLine = L"\"" + program + L"\" /open win.ini notepad.exe report.txt";
-    walk.policy.ignoreFlags = qxbench::IgnoreFlags;
-    RunWalk(rules, walk);
-    const size_t matched = std::count_if(walk.results.begin(), walk.results.end(),
+    SignaturePolicy policy;
+    policy.ignoreFlags = qxbench::IgnoreFlags;
+    Evaluation evaluation = Decide(ruleSet, walk, policy);
+    const size_t matched = std::count_if(evaluation.results.begin(), evaluation.results.end(),
                                          [](const RuleResult& r) { return r.outcome == Outcome::Match; });
 
     // The peer's rule texts: expanded by the system, matched by the shell.
@@ -146,7 +150,7 @@ void RunDecision(qxbench::Runner& runner)
             hits += PathMatchSpecW(walk.program.c_str(), pattern.c_str()) ? 1 : 0;
         return hits;
     };
-    const auto* cert = rules.back().cert.get();
+    const auto* cert = rules.back().certificate.cert.get();
     auto platformSignature = [&] {
         qxbench::KeepAlive(qxbench::PlatformTrust(walk.program));
         qxbench::KeepAlive(qxbench::PlatformChain(cert->GetContext(), qxbench::IgnoreFlags));
@@ -156,7 +160,7 @@ void RunDecision(qxbench::Runner& runner)
 
     runner.Compare(
         L"check.decision (one program start)", L"platform steps",
-        [&] { RunWalk(rules, walk); },
+        [&] { evaluation = Decide(ruleSet, walk, policy); },
         [&] {
             qxbench::KeepAlive(PlatformSplit(*walk.commandLine));
             platformExpand();
@@ -194,9 +198,9 @@ void RunDecision(qxbench::Runner& runner)
         [&] {
             for (size_t k = 0; k < RuleCount; ++k)
             {
-                const RuleResult& r = walk.results[k];
-                qxbench::KeepAlive(MatchPath(MatchKindOf(rules[k].kind), r.subject,
-                                             r.expanded, 0, error));
+                const RuleResult& r = evaluation.results[k];
+                std::wstring subject;
+                qxbench::KeepAlive(MatchRule(rules[k].kind, walk.program, r.expanded, 0, subject, error));
             }
         },
         [&] { qxbench::KeepAlive(platformMatch()); }, RuleCount, L"the expanded patterns; PathMatchSpecW's * spans \\");
@@ -210,7 +214,7 @@ void RunDecision(qxbench::Runner& runner)
         QXCommon::HashStrategyShaCacheHelper::UninitTLS();
     }
     runner.Compare(L"check.signature", L"WinVerifyTrust + chain + policy",
-                   [&] { qxbench::KeepAlive(ReadSignature(walk.program, walk.policy, walk.token, false).result); },
+                   [&] { qxbench::KeepAlive(ReadSignature(walk.program, policy, walk.token, false).result); },
                    platformSignature, 1, L"ours also reads the signer to compare it with the rule's");
 }
 

@@ -1,16 +1,20 @@
-// qxinspect check and fileinfo run as programs: a rule set of every kind
-// against copies of the signed and unsigned fixtures (their root trusted
-// while the suite runs), the example rule set against notepad, malformed
-// rule files, a program that does not exist, and fileinfo answering alike on
-// one and on several threads.
+// qxinspect as administrators and scripts run it: check against rule sets of
+// every kind on copies of the signed and unsigned fixtures (their root
+// trusted while the suite runs), files that have no identity (a device, a
+// folder, 4 GiB or more), malformed and doubtful rules files, the encodings
+// they come in, signer rules against a certificate that only shares issuer
+// and serial number, match with the meaning of each kind, and every
+// command's --json document against qxinspect.schema.json.
 
 #include "CertificateFixtures.h"
+#include "JsonDocument.h"
 #include "QXTestSupport.h"
 
 #include "QXCommon/ProcessIDAndCreateTime.h"
 #include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/SignatureAlgorithmStrategy.h"
 
+#include <atlbase.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,6 +23,7 @@
 
 namespace
 {
+using QXTest::JsonValue;
 using QXTest::Narrow;
 
 std::wstring Quoted(const std::wstring& text)
@@ -26,25 +31,105 @@ std::wstring Quoted(const std::wstring& text)
     return L"\"" + text + L"\"";
 }
 
-// The text as it appears inside a JSON string.
-std::string JsonText(const std::wstring& text)
+const JsonValue& Schema()
 {
-    std::string out;
-    for (char c : Narrow(text))
-        out += c == '\\' ? std::string("\\\\") : std::string(1, c);
-    return out;
+    static const JsonValue schema = [] {
+        JsonValue value;
+        std::string error;
+        const auto bytes = QXTest::Certs::ReadBytes(QXTest::HelperPath(L"qxinspect.schema.json"));
+        EXPECT_TRUE(QXTest::ParseJson(std::string(bytes.begin(), bytes.end()), value, error)) << error;
+        return value;
+    }();
+    return schema;
 }
 
-// The outcome qxinspect gave the rule labelled label (results come before
-// the list of matches in the document).
-std::string OutcomeOf(const std::string& output, const std::string& label)
+struct Result
 {
-    const size_t at = output.find("\"label\": \"" + label + "\"");
-    const size_t outcome = output.find("\"outcome\": \"", at);
-    if (at == std::string::npos || outcome == std::string::npos)
-        return "(absent)";
-    const size_t start = outcome + 12;
-    return output.substr(start, output.find('"', start) - start);
+    DWORD exitCode = 0xFFFFFFFF;
+    std::string out, err;
+    JsonValue doc; // --json runs: the one document on standard output
+};
+
+// Runs qxinspect with standard output and error apart (into files that go
+// with their handles, or stdout into the handle given), bounded by a minute.
+// A --json run must print exactly one document, and it must follow the
+// schema.
+Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
+{
+    Result run;
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    auto temporary = [&](const wchar_t* name) {
+        wchar_t folder[MAX_PATH] = {}, path[MAX_PATH] = {};
+        GetTempPathW(MAX_PATH, folder);
+        GetTempFileNameW(folder, name, 0, path);
+        return CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           &inherit, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    };
+    ATL::CHandle out(temporary(L"qxo")), err(temporary(L"qxe"));
+    STARTUPINFOW si{sizeof si};
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = stdOut != nullptr ? stdOut : static_cast<HANDLE>(out);
+    si.hStdError = err;
+    PROCESS_INFORMATION pi{};
+    std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" " + arguments;
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+    {
+        ADD_FAILURE() << "qxinspect not started: " << GetLastError();
+        return run;
+    }
+    ATL::CHandle process(pi.hProcess), thread(pi.hThread);
+    if (WaitForSingleObject(process, 60000) != WAIT_OBJECT_0)
+    {
+        ADD_FAILURE() << "qxinspect did not end within a minute: " << Narrow(arguments);
+        TerminateProcess(process, 0xDEAD);
+        WaitForSingleObject(process, 5000);
+    }
+    GetExitCodeProcess(process, &run.exitCode);
+    for (auto [file, text] : {std::pair{&out, &run.out}, std::pair{&err, &run.err}})
+    {
+        char buffer[65536];
+        DWORD got = 0;
+        SetFilePointer(*file, 0, nullptr, FILE_BEGIN);
+        while (ReadFile(*file, buffer, sizeof buffer, &got, nullptr) && got > 0)
+            text->append(buffer, got);
+    }
+    if (arguments.compare(0, 6, L"--json") == 0 && stdOut == nullptr)
+    {
+        std::string error;
+        EXPECT_TRUE(QXTest::ParseJson(run.out, run.doc, error)) << error << "\n" << run.out << run.err;
+        const std::string name = run.doc.Has("error") ? "errorDocument" : run.doc["command"].text;
+        for (const std::string& broken : QXTest::SchemaBreaks(run.doc, Schema(), name))
+            ADD_FAILURE() << Narrow(arguments) << ": " << broken << "\n" << run.out;
+        EXPECT_TRUE(QXTest::SchemaBreaks(run.doc, Schema()).empty()) << "not one of the schema's documents";
+    }
+    return run;
+}
+
+// The element of list whose key is value: a rule's result by its label, a step by its name.
+const JsonValue& Find(const JsonValue& list, const std::string& key, const std::string& value)
+{
+    for (const JsonValue& item : list.items)
+        if (item[key].text == value)
+            return item;
+    return list["(absent)"];
+}
+const JsonValue& ResultOf(const JsonValue& doc, const std::string& label)
+{
+    return Find(doc["results"], "label", label);
+}
+const JsonValue& StepOf(const JsonValue& doc, const std::string& name)
+{
+    return Find(doc["steps"], "step", name);
+}
+
+// The reasons of the notes (warnings or malformed lines) of one line.
+std::string NotesOf(const JsonValue& notes, unsigned line)
+{
+    std::string reasons;
+    for (const JsonValue& note : notes.items)
+        if (note["line"].Str() == std::to_string(line))
+            reasons += note["reason"].text + "\n";
+    return reasons;
 }
 
 std::string Hash(SignatureAlgorithm algorithm, const std::wstring& path)
@@ -53,14 +138,41 @@ std::string Hash(SignatureAlgorithm algorithm, const std::wstring& path)
     return Narrow(QXCommonFunctions::GenerateFileHash(path));
 }
 
+std::string Base64(const std::vector<BYTE>& bytes)
+{
+    DWORD size = 0;
+    CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), CRYPT_STRING_BASE64, nullptr, &size);
+    std::string text(size, '\0');
+    CryptBinaryToStringA(bytes.data(), static_cast<DWORD>(bytes.size()), CRYPT_STRING_BASE64, text.data(), &size);
+    return text.substr(0, size);
+}
+
+// UTF-16 with a byte-order mark, as a PowerShell redirection writes it.
+std::string Utf16(const std::string& utf8, bool bigEndian)
+{
+    std::string bytes = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+    for (wchar_t c : QXTest::Widen(utf8))
+    {
+        const char lo = static_cast<char>(c & 0xFF), hi = static_cast<char>(c >> 8);
+        bytes += bigEndian ? std::string{hi, lo} : std::string{lo, hi};
+    }
+    return bytes;
+}
+
 class Check : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         ASSERT_TRUE(trust.Ok()) << "the test root cannot be trusted";
-        for (const wchar_t* name : {L"signed.exe", L"unsigned.exe", L"signer.cer"})
+        for (const wchar_t* name : {L"signed.exe", L"unsigned.exe", L"signer.cer", L"untrusted.cer"})
             ASSERT_TRUE(CopyFileW(QXTest::Certs::FixturePath(name).c_str(), dir.File(name).c_str(), FALSE));
+        // The same issuer and serial number as the signer, another certificate
+        // (one byte of its signature changed); and the signer in PEM.
+        std::vector<BYTE> der = QXTest::Certs::ReadBytes(dir.File(L"signer.cer"));
+        dir.Write(L"signer.pem", "-----BEGIN CERTIFICATE-----\n" + Base64(der) + "\n-----END CERTIFICATE-----\n");
+        der.back() ^= 1;
+        dir.Write(L"forged.cer", std::string(der.begin(), der.end()));
         signedExe = dir.File(L"signed.exe");
         unsignedExe = dir.File(L"unsigned.exe");
         sha1 = Hash(SignatureAlgorithmSHA1, signedExe);
@@ -69,180 +181,454 @@ protected:
         ASSERT_EQ(40u, sha1.size());
         // Hash texts match whatever their case; a relative certificate is
         // taken from the rules file's folder.
-        std::string upper = sha1;
+        std::string upper = sha1, lower = adler32;
         std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-        std::string lower = adler32;
         std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-        everyKind = "# every content kind, and paths with %VAR%\n\n"
-                    "[ by name ] name SIGNED.exe\n"
-                    "[drive] regex ^%SystemDrive%\\\\.*\\\\signed\\.exe$\n"
-                    "[sha1]   sha1 " + upper + "\n"
-                    "[sha256] sha256 " + sha256 + "\n"
-                    "[adler]  adler32 " + lower + "\n"
-                    "[signer] signer signer.cer\n"
-                    "[share]  network \\\\fileserver\\tools\n"
-                    "[full path] signer " + Narrow(dir.File(L"signer.cer")) + "\n";
-        rules = dir.Write(L"rules.txt", everyKind);
-    }
-
-    QXTest::ProcessResult Inspect(const std::wstring& arguments) const
-    {
-        QXTest::ProcessResult run = QXTest::RunInspect(arguments);
-        EXPECT_TRUE(run.started);
-        return run;
+        rules = dir.Write(L"rules.txt", "# every content kind, and paths with %VAR%\n\n"
+                                        "[ by name ] name SIGNED.exe\n"
+                                        "[drive] regex ^%SystemDrive%\\\\.*\\\\signed\\.exe$\n"
+                                        "[sha1]   sha1 " + upper + "\n"
+                                        "[sha256] sha256 " + sha256 + "\n"
+                                        "[adler]  adler32 " + lower + "\n"
+                                        "[signer] signer signer.cer\n"
+                                        "[share]  network \\\\fileserver\\tools\n"
+                                        "[full path] signer " + Narrow(dir.File(L"signer.cer")) + "\n"
+                                        "[exact path] path " + Narrow(signedExe) + "\n");
     }
 
     QXTest::Certs::TestRootTrust trust;
     QXTest::TempDir dir;
     std::wstring signedExe, unsignedExe, rules;
-    std::string sha1, sha256, adler32, everyKind;
+    std::string sha1, sha256, adler32;
 };
 
 TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
 {
+    // Files that have no identity: their hash and signer rules cannot be answered.
+    const std::wstring big = dir.WriteSparse(L"big.bin", 0x100000000ull, {{0, "MZ"}});
     const std::wstring missing = dir.File(L"missing.exe");
-    const std::wstring nameOnly = dir.Write(L"name-only.txt", "[missing by name] name missing.exe\n");
+    const std::string noFile = "could not answer";
     struct Case
     {
         std::wstring arguments;
         DWORD exitCode;
         std::vector<std::pair<std::string, std::string>> outcomes; // label, outcome
-        std::vector<std::string> fragments;
+        std::string reason; // in the sha1 rule's reason
     } const cases[] = {
-        {L"--rules " + Quoted(rules) + L" " + Quoted(signedExe), 0,
+        {Quoted(signedExe), 0,
          {{"by name", "match"}, {"drive", "match"}, {"sha1", "match"}, {"sha256", "match"}, {"adler", "match"},
-          {"signer", "match"}, {"share", "no match"}, {"full path", "match"}},
-         {"\"answer\": \"match\"", "\"isNTExe\": true", "\"verified\": true", "\"signer\": \"QXCommon Test Signer\"",
-          "\"sha256\": \"" + sha256 + "\"", "\"adler32\": \"" + adler32 + "\"", "same issuer and serial number"}},
-        {L"--rules " + Quoted(rules) + L" " + Quoted(unsignedExe), 1,
-         {{"by name", "no match"}, {"drive", "no match"}, {"sha1", "no match"}, {"signer", "no match"}},
-         {"\"answer\": \"no match\"", "\"matches\": []", "TRUST_E_NOSIGNATURE", "expected " + sha256 + ", computed "}},
+          {"signer", "match"}, {"share", "no match"}, {"full path", "match"}, {"exact path", "match"}},
+         "computed " + sha1},
+        {Quoted(unsignedExe), 1,
+         {{"by name", "no match"}, {"drive", "no match"}, {"sha1", "no match"}, {"signer", "no match"},
+          {"exact path", "no match"}},
+         "expected"},
+        // A \\?\ or \\.\ prefix is the path it names.
+        {Quoted(L"\\\\?\\" + signedExe), 0, {{"exact path", "match"}, {"by name", "match"}, {"sha1", "match"}}, ""},
+        {Quoted(L"\\\\.\\" + signedExe), 0, {{"exact path", "match"}, {"sha256", "match"}}, ""},
         // A program that does not exist: its path still matches by text;
         // content rules cannot be answered, and without a match that is exit 3.
-        {L"--rules " + Quoted(rules) + L" " + Quoted(missing), 3,
-         {{"by name", "no match"}, {"sha1", "could not answer"}, {"signer", "could not answer"}},
-         {"\"answer\": \"could not answer\"", "\"step\": \"image\",\n      \"ok\": false", "the file cannot be hashed: 2"}},
-        {L"--rules " + Quoted(nameOnly) + L" " + Quoted(missing), 0, {{"missing by name", "match"}}, {}},
-        // A command line: its program is matched, its arguments found on the
-        // search path are written in full.
-        {L"--rules " + Quoted(rules) + L" --cmdline " + Quoted(L"\\\"" + signedExe + L"\\\" /x win.ini"), 0,
-         {{"by name", "match"}},
-         {"\"arguments\": \"/x win.ini\"", "\"expanded\": \"/x C:\\\\windows\\\\win.ini\"",
-          "\"program\": \"" + JsonText(signedExe) + "\""}},
-        {L"--rules " + Quoted(rules) + L" --cmdline " + Quoted(L"\\\"" + signedExe), 3,
-         {{"by name", "could not answer"}}, {"\"programSource\": \"the command line names no program\""}},
-        {L"--rules " + Quoted(rules) + L" --pid 4294967295 " + Quoted(signedExe), 0,
-         {{"by name", "match"}, {"drive", "could not answer"}, {"signer", "could not answer"}},
-         {"\"step\": \"identity\",\n      \"ok\": false", "\"step\": \"token\",\n      \"ok\": false"}},
+        {Quoted(missing), 3, {{"by name", "no match"}, {"sha1", noFile}, {"signer", noFile}},
+         Narrow(QXCommonFunctions::ErrorMessageFromCode(ERROR_FILE_NOT_FOUND))},
+        {L"NUL", 3, {{"sha1", noFile}, {"adler", noFile}, {"signer", noFile}}, "a device"},
+        {Quoted(dir.Path()), 3, {{"sha256", noFile}, {"signer", noFile}}, "a folder"},
+        {Quoted(big), 3, {{"sha1", noFile}, {"signer", noFile}}, "4 GiB or more"},
+        {L"--cmdline " + Quoted(L"\\\"" + signedExe + L"\\\" /x win.ini"), 0, {{"by name", "match"}}, ""},
+        {L"--cmdline " + Quoted(L"\\\"" + signedExe), 3, {{"by name", noFile}, {"sha1", noFile}}, "names no program"},
+        // A process that cannot be opened: no identity, token or table.
+        {L"--pid 4294967295 " + Quoted(signedExe), 0,
+         {{"by name", "match"}, {"drive", noFile}, {"signer", noFile}}, ""},
     };
     for (const Case& c : cases)
     {
         SCOPED_TRACE(Narrow(c.arguments));
-        const QXTest::ProcessResult run = Inspect(L"--json check --ignore 0xF00 " + c.arguments);
-        EXPECT_EQ(c.exitCode, run.exitCode) << run.output;
+        const Result run = Inspect(L"--json check --ignore 0xF00 --rules " + Quoted(rules) + L" " + c.arguments);
+        EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
         for (const auto& [label, outcome] : c.outcomes)
-            EXPECT_EQ(outcome, OutcomeOf(run.output, label)) << label << "\n" << run.output;
-        for (const std::string& fragment : c.fragments)
-            EXPECT_NE(std::string::npos, run.output.find(fragment)) << fragment << "\n" << run.output;
+            EXPECT_EQ(outcome, ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
+        EXPECT_NE(std::string::npos, ResultOf(run.doc, "sha1")["reason"].text.find(c.reason)) << run.out;
     }
+    const Result run = Inspect(L"--json check --ignore 0xF00 --rules " + Quoted(rules) + L" --cmdline " +
+                            Quoted(L"\\\"" + signedExe + L"\\\" /x win.ini"));
+    EXPECT_EQ("/x C:\\windows\\win.ini", StepOf(run.doc, "commandLine")["expanded"].text);
+    EXPECT_EQ(Narrow(signedExe), run.doc["program"].text);
+    EXPECT_EQ("true", StepOf(run.doc, "image")["isNTExe"].Str());
+    const JsonValue& signature = StepOf(run.doc, "signature");
+    EXPECT_EQ("0x00000000", signature["result"].text);
+    EXPECT_EQ("QXCommon Test Signer", signature["signer"]["name"].text);
+    EXPECT_EQ(adler32, StepOf(run.doc, "hashes")["adler32"].text);
 }
 
 TEST_F(Check, TheWalkIsThisProcessWhenAskedForIt)
 {
     QXCommon::CProcessIDAndCreateTime self;
     ASSERT_EQ(0u, self.Initialise());
-    const QXTest::ProcessResult run = Inspect(L"check --rules " + Quoted(rules) + L" --ignore 0xF00 --pid " +
-                                              std::to_wstring(GetCurrentProcessId()) + L" " + Quoted(signedExe));
-    EXPECT_EQ(0u, run.exitCode) << run.output;
+    const Result run = Inspect(L"check --rules " + Quoted(rules) + L" --ignore 0xF00 --pid " +
+                            std::to_wstring(GetCurrentProcessId()) + L" " + Quoted(signedExe));
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
     // The text gives the steps in the agent's order, then rules, then matches.
     std::vector<size_t> at;
-    for (const char* part : {"1 process identity:   ", "2 NT image:           yes", "3 token:", "4 command line:",
-                             "5 environment:", "6 hashes (8 MiB):     sha1 ", "7 signature:          0x00000000",
-                             "rules:\n", "matching rules: line 3 [by name], line 4 [drive], line 5 [sha1]",
-                             "answer: match"})
-        at.push_back(run.output.find(part));
-    EXPECT_NE(std::string::npos, run.output.find(Narrow(self.GetProcessIDAndCreateTime()) + " (process "));
-    EXPECT_TRUE(std::is_sorted(at.begin(), at.end()) && at.back() != std::string::npos) << run.output;
+    for (const char* part : {"(9 rules)", "1 process identity:   ", "2 NT image:           yes", "3 token:",
+                             "4 command line:", "5 environment:", "6 hashes (8 MiB):     sha1 ",
+                             "7 signature:          0x00000000", "rules:\n",
+                             "matching rules: line 3 [by name], line 4 [drive], line 5 [sha1]", "answer: match"})
+        at.push_back(run.out.find(part));
+    EXPECT_NE(std::string::npos, run.out.find(Narrow(self.GetProcessIDAndCreateTime()) + " (process "));
+    EXPECT_TRUE(std::is_sorted(at.begin(), at.end()) && at.back() != std::string::npos) << run.out;
+    const std::wstring one = dir.Write(L"one.txt", "name a.exe\n");
+    EXPECT_NE(std::string::npos, Inspect(L"check --rules " + Quoted(one) + L" a.exe").out.find("(1 rule)"));
 }
 
-TEST_F(Check, AMalformedRuleStopsEverythingWithItsLine)
+TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
+{
+    const struct
+    {
+        unsigned line;
+        const char* text;
+        const char* reason;
+    } lines[] = {
+        {1, "executable a.exe", "unknown kind \"executable\""},
+        {2, "[label only]", "a label but no rule"},
+        {3, "[open label name a.exe", "the label has no closing ]"},
+        {4, "path   \t", "a path rule needs a pattern"},
+        {5, "sha256 abc", "sha256 hash text: 64 hexadecimal digits expected"},
+        {6, "sha1 da39a3ee5e6b4b0d3255bfef95601890afd8070g", "sha1 hash text: 40 hexadecimal digits expected"},
+        {7, "adler32 0000000001", "adler32 hash text: 8 hexadecimal digits expected"},
+        {8, "regex ^(unclosed", "error 5 (error_paren): mismatched parentheses"},
+        {9, "regex [a", "error 4 (error_brack): mismatched brackets"},
+        {10, "signer nothere.cer", "the certificate "},
+        {11, "path notepad.exe", "holds no folder (for this file name in any folder: name notepad.exe)"},
+        {12, "path C:\\Windows\\*.exe", "takes no wildcards (for a wildcard path: wildcard C:\\Windows\\*.exe)"},
+        {13, "name C:\\Windows\\notepad.exe", "compares the file name only"},
+        {14, "folder tools", "needs a folder such as C:\\Tools"},
+        {15, "signer rules.txt", "is not a certificate"},
+    };
+    std::string text;
+    for (const auto& line : lines)
+        text += std::string(line.text) + "\n";
+    const std::string longExpression = "regex " + std::string(2049, 'a') + "\n";
+    const std::wstring file = dir.Write(L"bad.txt", text + "name fine.exe\n" + longExpression);
+    const Result run = Inspect(L"--json check --rules " + Quoted(file) + L" " + Quoted(signedExe));
+    EXPECT_EQ(2u, run.exitCode) << run.out << run.err;
+    EXPECT_EQ("input", run.doc["error"]["kind"].text);
+    EXPECT_EQ(std::size(lines) + 1, run.doc["error"]["lines"].items.size()) << run.out;
+    for (const auto& line : lines)
+    {
+        EXPECT_NE(std::string::npos, NotesOf(run.doc["error"]["lines"], line.line).find(line.reason))
+            << line.line << ": " << line.text << "\n" << run.out;
+        EXPECT_NE(std::string::npos, run.err.find(Narrow(file) + ":" + std::to_string(line.line) + ": "))
+            << line.line << "\n" << run.err;
+    }
+    EXPECT_NE(std::string::npos, NotesOf(run.doc["error"]["lines"], 17).find("longer than 2,048 characters (it has 2,049)"));
+
+    // Files that are not rules files, and command lines check refuses.
+    const std::wstring notText = dir.Write(L"latin1.txt", "name caf\xE9.exe\n");
+    for (const auto& [arguments, fragment] : std::vector<std::pair<std::wstring, std::string>>{
+             {L"--rules " + Quoted(notText) + L" x.exe", ": not UTF-8 text"},
+             {L"--rules " + Quoted(dir.File(L"none.txt")) + L" x.exe", "none.txt: "},
+             {L"--rules " + Quoted(dir.Path()) + L" x.exe", "a folder"},
+             {L"--rules NUL x.exe", "a device"},
+             {Quoted(signedExe), "check needs --rules FILE (see qxinspect help check)"},
+             {L"--rules " + Quoted(rules), "one PATH or --cmdline LINE"},
+             {L"--rules " + Quoted(rules) + L" --cmdline x.exe " + Quoted(signedExe), "not both"},
+             {L"--rules " + Quoted(rules) + L" --pid x a.exe", "--pid needs"}})
+    {
+        const Result refused = Inspect(L"--json check " + arguments);
+        EXPECT_EQ(2u, refused.exitCode) << Narrow(arguments);
+        EXPECT_NE(std::string::npos, refused.err.find(fragment)) << fragment << "\n" << refused.err;
+        EXPECT_TRUE(refused.doc["error"]["kind"].text == "input" || refused.doc["error"]["kind"].text == "usage");
+    }
+}
+
+TEST_F(Check, DoubtfulRulesAreWarnedAboutAndEvaluated)
 {
     const struct
     {
         const char* text;
-        const char* reason;
+        const char* warning;
+    } lines[] = {
+        {"[w1] name signed*.exe", "takes * and ? literally (for a file name with wildcards in any folder: glob *\\"},
+        {"[w2] wildcard *.exe", "without a folder matches only a path without folders"},
+        {"[w3] path C:/Windows/notepad.exe", "/ is not a separator"},
+        {"[w4] path \"C:\\Program Files\\a.exe\"", "the quotes are part of the text"},
+        {"[w5] name signed.exe # the build's sample", "\"# the build's sample\" is part of the text"},
+        {"[w6] path %NoSuchVariable%\\signed.exe", "%NoSuchVariable% is not in the environment table of "},
+        {"[w7] name 'signed.exe'", "the quotes are part of the text"},
+    };
+    std::string text;
+    for (const auto& line : lines)
+        text += std::string(line.text) + "\n";
+    const Result run = Inspect(L"--json check --rules " + Quoted(dir.Write(L"doubtful.txt", text)) + L" " +
+                            Quoted(signedExe));
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err; // evaluated: nothing matches
+    EXPECT_EQ("false", StepOf(run.doc, "hashes")["ok"].Str()); // not needed
+    for (unsigned k = 0; k < std::size(lines); ++k)
+    {
+        EXPECT_NE(std::string::npos, NotesOf(run.doc["warnings"], k + 1).find(lines[k].warning))
+            << lines[k].text << "\n" << run.out;
+        EXPECT_NE(std::string::npos, run.err.find("doubtful.txt:" + std::to_string(k + 1) + ": warning: "))
+            << run.err;
+    }
+    const Result empty = Inspect(L"--json check --rules " + Quoted(dir.Write(L"empty.txt", "# nothing yet\n")) + L" x.exe");
+    EXPECT_EQ(1u, empty.exitCode);
+    EXPECT_EQ("the file holds no rule: every program answers no match", empty.doc["warnings"][0]["reason"].text);
+}
+
+TEST_F(Check, RulesAndCertificatesAsAdministratorsWriteThem)
+{
+    // A PowerShell redirection writes UTF-16 with a byte-order mark; editors
+    // UTF-8 with or without one; openssl certificates in Base-64 (PEM).
+    const std::string text = "[caf\xC3\xA9 by name] name signed.exe\r\n[pem] signer signer.pem\r\n";
+    for (const auto& [name, bytes] : std::vector<std::pair<std::wstring, std::string>>{
+             {L"utf16le.txt", Utf16(text, false)},
+             {L"utf16be.txt", Utf16(text, true)},
+             {L"utf8bom.txt", "\xEF\xBB\xBF" + text}})
+    {
+        SCOPED_TRACE(Narrow(name));
+        const Result run = Inspect(L"--json check --ignore 0xF00 --rules " + Quoted(dir.Write(name, bytes)) + L" " +
+                                Quoted(signedExe));
+        EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+        EXPECT_EQ("match", ResultOf(run.doc, "caf\xC3\xA9 by name")["outcome"].text) << run.out;
+        EXPECT_EQ("true", ResultOf(run.doc, "pem")["sameCertificate"].Str()) << run.out;
+    }
+    const Result sig = Inspect(L"--json sig --ignore 0xF00 --cert " + Quoted(dir.File(L"signer.pem")) + L" " +
+                            Quoted(signedExe));
+    EXPECT_EQ(0u, sig.exitCode) << sig.out << sig.err;
+    EXPECT_EQ("true", sig.doc["files"][0]["sameCertificate"].Str());
+}
+
+TEST_F(Check, SignerRulesTellTheRulesCertificateFromOneWithItsIssuerAndSerial)
+{
+    const std::wstring file = dir.Write(L"signers.txt", "[real] signer signer.cer\n"
+                                                        "[same issuer and serial] signer forged.cer\n"
+                                                        "[other issuer, same serial] signer untrusted.cer\n");
+    for (const wchar_t* flags : {L"0xF00", L"0xF10"})
+    {
+        SCOPED_TRACE(Narrow(flags));
+        const Result run = Inspect(L"--json check --ignore " + std::wstring(flags) + L" --rules " + Quoted(file) + L" " +
+                                Quoted(signedExe));
+        EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+        const JsonValue &real = ResultOf(run.doc, "real"), &forged = ResultOf(run.doc, "same issuer and serial");
+        EXPECT_EQ("match", real["outcome"].text);
+        EXPECT_EQ("true", real["sameCertificate"].Str());
+        // The agent's answer stands; the tool says loudly that it is not the certificate.
+        EXPECT_EQ("match", forged["outcome"].text);
+        EXPECT_EQ("false", forged["sameCertificate"].Str());
+        EXPECT_EQ(real["signerThumbprint"].text, real["certificate"]["thumbprint"].text);
+        EXPECT_NE(real["certificate"]["thumbprint"].text, forged["certificate"]["thumbprint"].text);
+        EXPECT_NE(std::string::npos, forged["reason"].text.find("NOT the same certificate")) << run.out;
+        EXPECT_NE(std::string::npos, NotesOf(run.doc["warnings"], 2).find("it is another certificate")) << run.out;
+        EXPECT_EQ("no match", ResultOf(run.doc, "other issuer, same serial")["outcome"].text);
+        const bool waived = std::wstring(flags) == L"0xF10";
+        EXPECT_EQ(waived, NotesOf(run.doc["warnings"], 1).find("--ignore with 0x10") != std::string::npos) << run.out;
+    }
+    const Result sig = Inspect(L"--json sig --ignore 0xF00 --cert " + Quoted(dir.File(L"forged.cer")) + L" " +
+                            Quoted(signedExe));
+    EXPECT_EQ(0u, sig.exitCode);
+    EXPECT_EQ("true", sig.doc["files"][0]["matchesCert"].Str());
+    EXPECT_EQ("false", sig.doc["files"][0]["sameCertificate"].Str());
+    EXPECT_NE(std::string::npos, sig.err.find("WARNING")) << sig.err;
+    // A file sig cannot read is not answered: exit 3, not "does not verify".
+    for (const std::wstring& path : {dir.Path(), std::wstring(L"NUL"), dir.File(L"missing.exe")})
+        EXPECT_EQ(3u, Inspect(L"--json sig " + Quoted(path)).exitCode) << Narrow(path);
+}
+
+TEST_F(Check, MatchMeansWhatEachKindMeans)
+{
+    wchar_t root[MAX_PATH] = {};
+    ASSERT_NE(0u, GetEnvironmentVariableW(L"SystemRoot", root, MAX_PATH));
+    const std::string notepad = Narrow(root) + "\\system32\\notepad.exe";
+    const struct
+    {
+        std::wstring arguments;
+        DWORD exitCode;
+        std::string kind, expanded, fragment; // fragment: in stderr
     } cases[] = {
-        {"name a.exe\n# fine so far\nexecutable a.exe\n", ":3: unknown kind \"executable\""},
-        {"\n[label only]\n", ":2: a label but no rule"},
-        {"[open label name a.exe\n", ":1: the label has no closing ]"},
-        {"path   \t\n", ":1: a path rule needs a pattern"},
-        {"sha256 abc\n", ":1: sha256 hash text: 64 hexadecimal digits expected"},
-        {"sha1 da39a3ee5e6b4b0d3255bfef95601890afd8070g\n", ":1: sha1 hash text: 40 hexadecimal digits expected"},
-        {"adler32 0000000001\n", ":1: adler32 hash text: 8 hexadecimal digits expected"},
-        {"name a.exe\nregex ^(unclosed\n", ":2: the regular expression is refused"},
-        {"signer nothere.cer\n", ":1: the certificate "},
-        {"name caf\xE9.exe\n", ": not UTF-8 text"},
+        {L"--kind path C:\\evil\\notepad.exe notepad.exe", 2, "", "", "holds no folder"},
+        {L"--kind path C:\\x\\a.exe C:\\x\\*.exe", 2, "", "", "takes no wildcards"},
+        {L"--kind path C:\\x\\a.exe C:\\x\\a.exe", 0, "path", "C:\\x\\a.exe", ""},
+        {L"C:\\evil\\notepad.exe notepad.exe", 0, "name", "notepad.exe", ""},
+        {L"C:\\x\\a.exe C:\\x\\*.exe", 0, "wildcard", "C:\\x\\*.exe", ""},
+        {Quoted(QXTest::Widen(notepad)) + L" %SystemRoot%\\system32\\notepad.exe", 0, "path", notepad, ""},
+        {L"--kind regex " + Quoted(QXTest::Widen(notepad)) + L" ^%SystemRoot%\\\\system32\\\\notepad\\.exe$", 0,
+         "regex", "", ""},
+        {L"--kind name C:\\x\\notepad.exe note*.exe", 1, "name", "note*.exe", "takes * and ? literally"},
+        {L"--kind folder C:\\x\\a.exe C:\\x", 0, "folder", "C:\\x", ""},
+        {L"--kind subfolders C:\\x\\y\\a.exe C:\\x", 0, "subfolders", "C:\\x", ""},
+        {L"--kind wildcard C:\\x\\a.exe %NoSuchVariable%\\*.exe", 1, "wildcard", "%NoSuchVariable%\\*.exe",
+         "%NoSuchVariable% is not in the environment table"},
+        {L"--kind regex C:\\x\\a.exe [a", 2, "", "", "error 4 (error_brack): mismatched brackets"},
+        {L"--kind sha1 C:\\x\\a.exe abc", 2, "", "", "unknown --kind sha1"},
     };
     for (const auto& c : cases)
     {
-        SCOPED_TRACE(c.text);
-        const std::wstring file = dir.Write(L"bad.txt", c.text);
-        const QXTest::ProcessResult run = Inspect(L"check --rules " + Quoted(file) + L" " + Quoted(signedExe));
-        EXPECT_EQ(2u, run.exitCode) << run.output;
-        EXPECT_NE(std::string::npos, run.output.find(Narrow(file) + c.reason)) << run.output;
-        EXPECT_EQ(std::string::npos, run.output.find("process identity")) << run.output;
+        SCOPED_TRACE(Narrow(c.arguments));
+        const Result run = Inspect(L"--json match " + c.arguments);
+        EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
+        EXPECT_NE(std::string::npos, run.err.find(c.fragment)) << run.err;
+        if (c.exitCode == 2)
+            continue;
+        EXPECT_EQ(c.kind, run.doc["kind"].text);
+        EXPECT_EQ(c.arguments.compare(0, 6, L"--kind") != 0, run.doc["automatic"].boolean);
+        EXPECT_TRUE(c.expanded.empty() || c.expanded == run.doc["expanded"].text) << run.out;
     }
-    for (const std::wstring& arguments :
-         {L"check " + Quoted(signedExe), L"check --rules " + Quoted(rules),
-          L"check --rules " + Quoted(rules) + L" --cmdline x.exe " + Quoted(signedExe),
-          L"check --rules " + Quoted(dir.File(L"none.txt")) + L" " + Quoted(signedExe)})
-        EXPECT_EQ(2u, Inspect(arguments).exitCode) << Narrow(arguments);
+    const Result automatic = Inspect(L"match C:\\evil\\notepad.exe notepad.exe");
+    EXPECT_EQ("match (name rule, chosen automatically: no separator and no wildcard: a file name)\n", automatic.out);
+    for (const auto& [expression, reason] : std::vector<std::pair<std::wstring, std::string>>{
+             {L"[a", "rejected: error 4 (error_brack): mismatched brackets [ and ]\n"},
+             {std::wstring(3000, L'a'), "rejected: error 11 (error_complexity): the expression is longer than 2,048 "
+                                        "characters (it has 3,000)\n"}})
+        EXPECT_EQ(reason, Inspect(L"regex-check " + expression).out);
 }
 
-TEST_F(Check, TheExampleRulesOnNotepad)
+TEST_F(Check, TheExampleRulesOnNotepadOnTheFileTheyPinAndOnADevice)
 {
-    const QXTest::ProcessResult run =
-        Inspect(L"--json check --rules " + Quoted(QXTest::HelperPath(L"examples\\rules.txt")) +
-                L" --cmdline \"C:\\windows\\system32\\notepad.exe win.ini\"");
-    EXPECT_EQ(0u, run.exitCode) << run.output;
-    for (const char* label : {"notepad by name", "notepad by path", "programs in system32", "system32 itself",
-                              "anything under Windows", "note-anything", "any pad below Windows", "hook exceptions"})
-        EXPECT_EQ("match", OutcomeOf(run.output, label)) << label << "\n" << run.output;
-    for (const char* label : {"tools share", "pinned build (sha1)", "pinned build (sha256)", "pinned build (adler32)",
-                              "test signer"})
-        EXPECT_EQ("no match", OutcomeOf(run.output, label)) << label << "\n" << run.output;
+    const std::wstring examples = Quoted(QXTest::HelperPath(L"examples\\rules.txt"));
+    const std::vector<std::string> patterns = {"notepad by name",   "notepad by path",        "programs in system32",
+                                               "system32 itself",   "anything under Windows", "note-anything",
+                                               "any pad below Windows", "hook exceptions"};
+    const std::vector<std::string> pinned = {"pinned file (sha1)", "pinned file (sha256)", "pinned file (adler32)"};
+    Result run = Inspect(L"--json check --rules " + examples + L" --cmdline \"C:\\windows\\system32\\notepad.exe win.ini\"");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_TRUE(run.doc["warnings"].items.empty() || QXTest::Certs::OnWine()) << run.out;
+    for (const std::string& label : patterns)
+        EXPECT_EQ("match", ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
+    for (const char* label : {"tools share", "test signer", "pinned file (sha1)", "pinned file (adler32)"})
+        EXPECT_EQ("no match", ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
+    // The hashes it pins are those of the file beside it; a device has none.
+    run = Inspect(L"--json check --rules " + examples + L" " + Quoted(QXTest::HelperPath(L"examples\\pinned-file.txt")));
+    EXPECT_EQ(0u, run.exitCode);
+    for (const std::string& label : pinned)
+        EXPECT_EQ("match", ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
+    run = Inspect(L"--json check --rules " + examples + L" NUL");
+    EXPECT_EQ(3u, run.exitCode) << run.out;
+    EXPECT_EQ("could not answer", run.doc["answer"].text);
+    for (const std::string& label : pinned)
+        EXPECT_EQ("could not answer", ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
 }
 
 TEST_F(Check, FileInfoAnswersAlikeOnOneAndOnSeveralThreads)
 {
     const std::wstring files = Quoted(dir.Path()) + L" " + Quoted(dir.File(L"missing.exe")) +
-                               L" C:\\windows\\system32\\notepad.exe " + Quoted(signedExe);
+                               L" C:\\windows\\system32\\notepad.exe NUL " + Quoted(signedExe);
     std::string first;
+    JsonValue doc;
     for (int threads : {1, 3, 64})
     {
         SCOPED_TRACE(threads);
-        QXTest::ProcessResult run =
-            Inspect(L"--json fileinfo --ignore 0xF00 --threads " + std::to_wstring(threads) + L" " + files);
-        EXPECT_EQ(3u, run.exitCode) << run.output;
+        Result run = Inspect(L"--json fileinfo --ignore 0xF00 --threads " + std::to_wstring(threads) + L" " + files);
+        EXPECT_EQ(3u, run.exitCode) << run.out;
         const std::string count = "\"threads\": " + std::to_string(threads);
-        ASSERT_NE(std::string::npos, run.output.find(count)) << run.output;
-        run.output.replace(run.output.find(count), count.size(), "\"threads\": N");
+        ASSERT_NE(std::string::npos, run.out.find(count)) << run.out;
+        run.out.replace(run.out.find(count), count.size(), "\"threads\": N");
         if (first.empty())
-            first = run.output;
-        EXPECT_EQ(first, run.output);
+            first = run.out, doc = run.doc;
+        EXPECT_EQ(first, run.out);
     }
     // The folder gives its files by name; every answer is where its file is.
-    std::vector<size_t> at;
-    for (const std::wstring& file : {dir.File(L"rules.txt"), dir.File(L"signed.exe"), dir.File(L"signer.cer"),
-                                     dir.File(L"unsigned.exe"), dir.File(L"missing.exe"), signedExe})
-        at.push_back(first.find("\"path\": \"" + JsonText(file) + "\"", at.empty() ? 0 : at.back() + 1));
-    EXPECT_TRUE(std::is_sorted(at.begin(), at.end()) && at.back() != std::string::npos) << first;
-    for (const std::string& fragment :
-         {"\"sha1\": \"" + sha1 + "\"", "\"sha256\": \"" + sha256 + "\"", "\"adler32\": \"" + adler32 + "\"",
-          std::string("\"verified\": true"), std::string("\"name\": \"QXCommon Test Signer\""),
-          std::string("\"expires\": \"2045-12-31 23:59:59 UTC\""), std::string("\"certificateTableEntries\": 1"),
-          std::string("\"isNTExe\": false"), std::string("\"errorText\": \"2 ("), std::string("\"owner\": {")})
-        EXPECT_NE(std::string::npos, first.find(fragment)) << fragment << "\n" << first;
+    std::vector<std::string> order;
+    for (const JsonValue& file : doc["files"].items)
+        order.push_back(file["path"].text);
+    std::vector<std::string> expected;
+    for (const wchar_t* name : {L"forged.cer", L"rules.txt", L"signed.exe", L"signer.cer", L"signer.pem",
+                                L"unsigned.exe", L"untrusted.cer", L"missing.exe"})
+        expected.push_back(Narrow(dir.File(name)));
+    expected.insert(expected.end(), {"C:\\windows\\system32\\notepad.exe", "NUL", Narrow(signedExe)});
+    EXPECT_EQ(expected, order);
+    const JsonValue& signedInfo = doc["files"][10];
+    EXPECT_EQ(sha1, signedInfo["sha1"].text);
+    EXPECT_EQ(sha256, signedInfo["sha256"].text);
+    EXPECT_EQ(adler32, signedInfo["adler32"].text);
+    EXPECT_EQ("true", signedInfo["signature"]["verified"].Str());
+    EXPECT_EQ("2045-12-31T23:59:59Z", signedInfo["signature"]["signer"]["expires"].text);
+    EXPECT_EQ("1", signedInfo["certificateTableEntries"].Str());
+    EXPECT_TRUE(signedInfo["owner"].Has("sid"));
+    EXPECT_EQ("2", doc["files"][7]["error"].Str());
+    EXPECT_NE(std::string::npos, doc["files"][9]["reason"].text.find("a device"));
     EXPECT_EQ(2u, Inspect(L"fileinfo --threads 65 " + Quoted(signedExe)).exitCode);
+}
+
+// Every command's document, answered and refused, against the schema (the
+// runner checks each); exactly one document whatever happens.
+TEST_F(Check, EveryCommandPrintsOneDocumentOfTheSchema)
+{
+    QXTest::SavedRegValue algorithm(HKEY_LOCAL_MACHINE,
+                                    L"SOFTWARE\\Kestrova Technologies\\Runwarden\\MessagesConfig\\Properties",
+                                    L"SignatureAlgorithm");
+    ASSERT_TRUE(algorithm.Set(REG_NONE));
+    const std::wstring self = std::to_wstring(GetCurrentProcessId()), exe = Quoted(signedExe);
+    const struct
+    {
+        std::wstring arguments;
+        DWORD exitCode;
+        std::string command; // the document's command, or the kind of its error
+    } cases[] = {
+        {L"", 0, "version"}, // --json --version below
+        {L"help", 0, "help"},
+        {L"help check", 0, "help"},
+        {L"os", 0, "os"},
+        {L"error 0x800b0100", 0, "error"},
+        {L"guid", 0, "guid"},
+        {L"exe " + exe + L" " + Quoted(dir.File(L"missing.exe")), 3, "exe"},
+        {L"match C:\\x\\a.exe *.exe", 1, "match"},
+        {L"regex-check --samples 0x7F ^a", 0, "regex-check"},
+        {L"split \"cmd /c x\"", 1, "split"},
+        {L"env", 0, "env"},
+        {L"expand %windir%", 0, "expand"},
+        {L"normalise C:\\windows\\x.exe", 0, "normalise"},
+        {L"token --member S-1-1-0", 0, "token"},
+        {L"process 0 " + self, 3, "process"},
+        {L"hash --algorithm sha256 " + exe + L" NUL", 3, "hash"},
+        {L"sig --cert " + Quoted(dir.File(L"signer.cer")) + L" " + exe + L" NUL", 3, "sig"},
+        {L"fileinfo " + exe, 0, "fileinfo"},
+        {L"owner " + exe + L" --give-to-pid " + self + L" --dry-run", 0, "owner"},
+        {L"handover", 0, "handover"},
+        {L"check --rules " + Quoted(rules) + L" " + exe, 0, "check"},
+        {L"check --rules NUL " + exe, 2, "input"},
+        {L"hash " + exe, 3, "failed"}, // no algorithm is set
+        {L"env --pid 0xFFFFFFF1", 3, "failed"},
+        {L"", 2, "usage"},
+        {L"bogus", 2, "usage"},
+        {L"--bogus", 2, "usage"},
+        {L"os extra", 2, "usage"},
+        {L"hash --algorithm md5 " + exe, 2, "usage"},
+        {L"match --kind path C:\\x\\a.exe a.exe", 2, "usage"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(Narrow(c.arguments));
+        const bool version = &c == &cases[0];
+        const Result run = Inspect(L"--json " + (version ? L"--version" : c.arguments));
+        EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
+        EXPECT_EQ(c.command, run.doc.Has("error") ? run.doc["error"]["kind"].text : run.doc["command"].text);
+    }
+}
+
+TEST_F(Check, ThePeoplesSide)
+{
+    // Usage on standard error when it is an error, one way to point at help.
+    Result run = Inspect(L"");
+    EXPECT_EQ(2u, run.exitCode);
+    EXPECT_TRUE(run.out.empty()) << run.out;
+    EXPECT_NE(std::string::npos, run.err.find("usage: qxinspect")) << run.err;
+    for (const wchar_t* arguments : {L"exe", L"token extra", L"env extra", L"owner", L"handover extra"})
+        EXPECT_NE(std::string::npos, Inspect(arguments).err.find(" (see qxinspect help ")) << Narrow(arguments);
+    EXPECT_EQ(0u, Inspect(L"help").exitCode);
+    EXPECT_EQ("qxinspect 1.0.0 (QXCommon 1.0.0)\n", Inspect(L"--version").out);
+    // --dry-run changes nothing and says so.
+    run = Inspect(L"owner " + Quoted(signedExe) + L" --give-to-pid " + std::to_wstring(GetCurrentProcessId()) +
+                  L" --dry-run");
+    EXPECT_EQ(0u, run.exitCode) << run.out << run.err;
+    EXPECT_NE(std::string::npos, run.out.find("nothing was changed (--dry-run)")) << run.out;
+    EXPECT_NE(std::string::npos, Inspect(L"help owner").out.find("CHANGES THE OWNER"));
+    // A standard output that cannot be written is a failure, not 0.
+    HANDLE read = nullptr, write = nullptr;
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    ASSERT_TRUE(CreatePipe(&read, &write, &inherit, 0));
+    CloseHandle(read);
+    ATL::CHandle writeEnd(write);
+    run = Inspect(L"--json check --rules " + Quoted(rules) + L" " + Quoted(signedExe), writeEnd);
+    EXPECT_EQ(3u, run.exitCode) << run.err;
+    EXPECT_NE(std::string::npos, run.err.find("standard output could not be written")) << run.err;
 }
 } // namespace

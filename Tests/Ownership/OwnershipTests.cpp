@@ -674,8 +674,8 @@ TEST_F(Ownership, InspectOwner)
             EXPECT_NE(run.output.find(fragment), std::string::npos) << fragment << "\n" << run.output;
     };
     expect(L"--json owner " + path + L" --give-to-pid " + std::to_wstring(child.Pid()), 1,
-           {"\"result\": 5", "\"auditRequired\": false", "\"accessCheck\": true",
-            "\"ownerAfter\": {\n        \"sid\": \"S-1-5-18\""});
+           {"\"error\": 5", "\"auditRequired\": false", "\"accessCheck\": true",
+            "\"sid\": \"S-1-5-18\"\n      }\n    }"});
     expect(L"--log owner " + path + L" --give-to-pid " + std::to_wstring(GetCurrentProcessId()) + L" --direct", 0,
            {"owner:       ", " S-1-5-18\n", "dacl:        D:(A;;WO;;;BA)(A;;FR;;;WD)", "Restore failed [1300].",
             "Revert successful done [0].", "result:      0 (the owner was changed)", "audit due:   yes",

@@ -188,8 +188,8 @@ TEST(Inspect, CommandsAndExitCodes)
     struct Case { std::wstring arguments; DWORD exitCode; std::vector<std::string> fragments; };
     const Case cases[] = {
         {L"error 5", 0, {"hresult: 0x00000005 ", "message: " + QXTest::Narrow(ErrorMessageFromCode(5))}},
-        {L"--json error 0x80040201", 0, {"\"hresult\": \"0x80040201 IDispatch error #1\""}},
-        {L"--json exe " + dll, 0, {"\"isNTExe\": true", "\"ntExeOrAccessRestricted\": 1"}},
+        {L"--json error 0x80040201", 0, {"\"result\": \"0x80040201\"", "\"resultText\": \"IDispatch error #1\""}},
+        {L"--json exe " + dll, 0, {"\"isNTExe\": true", "\"ntExeOrAccessRestricted\": true"}},
         {L"exe " + dll + L" " + text, 1, {"not an NT image"}},
         {L"exe \"" + dir.File(L"missing.exe") + L"\" " + text, 3, {"error 2"}},
         {L"guid --canonicalize abc", 0, {"{ABC}"}}, {L"guid", 0, {"{", "-", "}"}},

@@ -704,5 +704,5 @@ TEST(Inspect, TokenAndProcess)
     CProcessIDAndCreateTime identity;
     ASSERT_EQ(identity.Initialise(child.Pid()), 0u);
     expect(L"--json process 0 " + std::to_wstring(child.Pid()), 3,
-           {"\"key\": \"" + QXTest::Narrow(identity.GetProcessIDAndCreateTime()) + "\"", "\"result\": 87", "qxinspect: process 0: error 87"});
+           {"\"key\": \"" + QXTest::Narrow(identity.GetProcessIDAndCreateTime()) + "\"", "\"error\": 87", "qxinspect: process 0: error 87"});
 }

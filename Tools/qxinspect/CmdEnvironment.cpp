@@ -1,8 +1,7 @@
 // env, expand, normalise: a user's environment table as the library loads it,
 // and what rule strings expand or normalise to against it.
 
-#include "Facts.h"
-#include "Inspect.h"
+#include "Platform.h"
 
 #include "QXCommon/EnvironmentEx.h"
 
@@ -39,8 +38,7 @@ bool OpenProcessTokenById(uint32_t pid, CAccessToken& token, std::wstring& error
     }
     if (!token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE, process))
     {
-        error = L"cannot open the token of process " + std::to_wstring(pid) + L", error " +
-                std::to_wstring(GetLastError());
+        error = L"cannot open the token of process " + std::to_wstring(pid) + L": " + Win32Text(GetLastError());
         return false;
     }
     return true;
@@ -54,7 +52,7 @@ int RunEnv(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error) || !ParsePid(parser, pid, error))
         return Fail(ExitUsage, error);
     if (!parser.Positional().empty())
-        return Fail(ExitUsage, L"env takes no arguments (see qxinspect env --help)");
+        return Fail(ExitUsage, L"env takes no arguments" + SeeHelp(L"env"));
     QXCommon::CEnvironmentEx env(0);
     if (!LoadTable(env, pid, error))
         return Fail(ExitFailed, error);
@@ -71,7 +69,7 @@ int RunEnv(Context& context, const std::vector<std::wstring>& args)
     if (context.json)
     {
         Json result = Json::MakeObject();
-        result.Set(L"user", Json(env.UserName()));
+        result.Set(L"userName", Json(env.UserName()));
         result.Set(L"variables", std::move(variables));
         OutJson(result);
     }
@@ -88,7 +86,7 @@ int RunExpand(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error) || !ParsePid(parser, pid, error))
         return Fail(ExitUsage, error);
     if (parser.Positional().size() != 1)
-        return Fail(ExitUsage, L"expand takes one TEXT (see qxinspect expand --help)");
+        return Fail(ExitUsage, L"expand takes one TEXT" + SeeHelp(L"expand"));
     if (parser.Has(L"--regex") && parser.Has(L"--direct"))
         return Fail(ExitUsage, L"--regex and --direct cannot be combined");
     const std::wstring& input = parser.Positional()[0];
@@ -114,7 +112,7 @@ int RunExpand(Context& context, const std::vector<std::wstring>& args)
             result = QXCommon::CEnvironmentEx::ExpandStringDirect(input, output);
         }
         if (result != ERROR_SUCCESS)
-            return Fail(ExitFailed, L"the system could not expand the text, error " + std::to_wstring(result));
+            return Fail(ExitFailed, L"the system could not expand the text: " + Win32Text(result));
         replaced = output != input;
     }
     else
@@ -155,7 +153,7 @@ int RunNormalise(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error) || !ParsePid(parser, pid, error))
         return Fail(ExitUsage, error);
     if (parser.Positional().size() != 1)
-        return Fail(ExitUsage, L"normalise takes one PATH (see qxinspect normalise --help)");
+        return Fail(ExitUsage, L"normalise takes one PATH" + SeeHelp(L"normalise"));
     QXCommon::CEnvironmentEx env(0);
     if (!LoadTable(env, pid, error))
         return Fail(ExitFailed, error);

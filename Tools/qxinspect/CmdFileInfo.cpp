@@ -1,8 +1,7 @@
 // fileinfo: everything the library knows about files, answered on worker
 // threads that each hash with their own cached provider.
 
-#include "Decision.h"
-#include "Inspect.h"
+#include "FileFacts.h"
 
 #include <algorithm>
 
@@ -49,16 +48,15 @@ Json Describe(const FileInfo& info, std::wstring& text)
     Json entry = Json::MakeObject();
     entry.Set(L"path", info.path);
     text += info.path + L"\n";
-    if (info.Failed())
+    const FileStatus& failed = !info.status.Ok() ? info.status : info.hashes.status;
+    if (!failed.Ok())
     {
-        entry.Set(L"error", static_cast<unsigned long>(info.hashes.error)).Set(L"errorText", Win32Text(info.hashes.error));
-        text += L"  cannot be read: " + Win32Text(info.hashes.error) + L"\n";
-        return entry;
+        text += L"  could not answer: " + failed.reason + L"\n";
+        return SetWin32(entry, failed.error).Set(L"reason", failed.reason);
     }
-    if (info.imageError == 0)
-        entry.Set(L"isNTExe", info.isNTExe != FALSE);
-    else
-        entry.Set(L"isNTExe", nullptr).Set(L"imageError", static_cast<unsigned long>(info.imageError));
+    entry.Set(L"isNTExe", info.imageError == 0 ? Json(info.isNTExe != FALSE) : Json());
+    if (info.imageError != 0)
+        entry.Set(L"imageError", Win32Json(info.imageError));
     text += L"  NT image:       " +
             (info.imageError == 0 ? BoolText(info.isNTExe != FALSE) : L"check failed: " + Win32Text(info.imageError)) +
             L"\n";
@@ -68,18 +66,17 @@ Json Describe(const FileInfo& info, std::wstring& text)
 
     const SignatureFacts& sig = info.signature;
     Json signature = Json::MakeObject();
-    signature.Set(L"result", static_cast<unsigned long>(sig.result))
-        .Set(L"resultText", ResultText(sig.result))
-        .Set(L"verified", sig.result == S_OK);
+    SetHresult(signature, L"result", sig.result).Set(L"verified", sig.result == S_OK);
     text += L"  signature:      " + ResultText(sig.result) + (sig.result == S_OK ? L" (verified)" : L"") + L"\n";
     if (sig.readError == 0)
     {
         signature.Set(L"signer", Json::MakeObject()
                                      .Set(L"name", sig.name)
                                      .Set(L"friendlyName", sig.friendlyName)
-                                     .Set(L"expires", sig.expires));
+                                     .Set(L"expires", sig.expires)
+                                     .Set(L"thumbprint", sig.thumbprint));
         text += L"  signer:         " + sig.name + L" (friendly name " + sig.friendlyName + L"), expires " +
-                sig.expires + L"\n";
+                sig.expires + L"\n                  sha256 " + sig.thumbprint + L"\n";
     }
     else
     {
@@ -93,12 +90,12 @@ Json Describe(const FileInfo& info, std::wstring& text)
 
     if (info.owner.error == 0)
     {
-        entry.Set(L"owner", Json::MakeObject().Set(L"sid", info.owner.ownerSid).Set(L"name", info.owner.ownerName));
-        text += L"  owner:          " + info.owner.ownerName + L" " + info.owner.ownerSid + L"\n";
+        entry.Set(L"owner", Account(info.owner.owner));
+        text += L"  owner:          " + info.owner.owner.Qualified() + L" " + info.owner.owner.sid + L"\n";
     }
     else
     {
-        entry.Set(L"owner", nullptr).Set(L"ownerError", static_cast<unsigned long>(info.owner.error));
+        entry.Set(L"owner", nullptr).Set(L"ownerError", Win32Json(info.owner.error));
         text += L"  owner:          cannot be read: " + Win32Text(info.owner.error) + L"\n";
     }
     return entry;
@@ -109,9 +106,9 @@ int RunFileInfo(Context& context, const std::vector<std::wstring>& args)
     ArgParser parser({L"--threads", L"--ignore"}, {L"--enforce-expiry", L"--network"});
     std::wstring error;
     if (!parser.Parse(args, error))
-        return Fail(ExitUsage, error);
+        return Fail(ExitUsage, error + SeeHelp(L"fileinfo"));
     if (parser.Positional().empty())
-        return Fail(ExitUsage, L"fileinfo needs at least one PATH (see qxinspect help fileinfo)");
+        return Fail(ExitUsage, L"fileinfo needs at least one PATH" + SeeHelp(L"fileinfo"));
     uint32_t threads = 4;
     if (auto text = parser.Value(L"--threads"); text && (!ParseNumber32(*text, threads) || threads == 0 ||
                                                          threads > MaxThreads))
@@ -132,14 +129,18 @@ int RunFileInfo(Context& context, const std::vector<std::wstring>& args)
     for (const FileInfo& info : infos)
     {
         files.Push(Describe(info, text));
-        if (info.Failed())
+        const FileStatus& failed = !info.status.Ok() ? info.status : info.hashes.status;
+        if (!failed.Ok())
         {
             someFailed = true;
-            Err(L"qxinspect: " + info.path + L": " + Win32Text(info.hashes.error) + L"\n");
+            Err(L"qxinspect: " + info.path + L": " + failed.reason + L"\n");
         }
     }
     if (context.json)
-        OutJson(Json::MakeObject().Set(L"threads", threads).Set(L"files", std::move(files)));
+        OutJson(Json::MakeObject()
+                    .Set(L"threads", threads)
+                    .Set(L"policy", PolicyJson(policy))
+                    .Set(L"files", std::move(files)));
     else
         Out(text);
     return someFailed ? ExitFailed : ExitOk;
@@ -157,9 +158,10 @@ QXINSPECT_COMMAND(L"fileinfo", L"fileinfo PATH... [--threads N] [--enforce-expir
                   L"  --threads N   worker threads (1 to 64, default 4), each hashing with its\n"
                   L"                own cached provider; the answers keep the order of the files\n"
                   L"  --enforce-expiry, --ignore FLAGS, --network   the signature policy (see sig)\n"
-                  L"--json prints {threads, files[]}; a file that cannot be read gets error and\n"
-                  L"errorText instead of its answers.\n"
-                  L"Exit codes: 0 every file answered, 2 bad command line, 3 some file cannot be\n"
-                  L"read.\n",
+                  L"A file that is not a regular disk file under 4 GiB (a device, a pipe) or\n"
+                  L"cannot be read is not answered.\n"
+                  L"--json prints {command, threads, policy, files[]}; a file not answered gets\n"
+                  L"error, errorText and reason instead of its answers.\n"
+                  L"Exit codes: 0 every file answered, 2 bad command line, 3 some file was not.\n",
                   &RunFileInfo);
 } // namespace qxinspect

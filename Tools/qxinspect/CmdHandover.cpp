@@ -3,8 +3,7 @@
 // token with the Administrators group deny-only), serves the pipe, and shows
 // the primary token it obtained and how long that took.
 
-#include "Facts.h"
-#include "Inspect.h"
+#include "Platform.h"
 
 #include "QXCommon/Guid.h"
 #include "QXCommon/PipeImpersonateClient.h"
@@ -139,7 +138,7 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error))
         return Fail(ExitUsage, error);
     if (!parser.Positional().empty())
-        return Fail(ExitUsage, L"handover takes no positional arguments (see qxinspect handover --help)");
+        return Fail(ExitUsage, L"handover takes no positional arguments" + SeeHelp(L"handover"));
     if (auto pipe = parser.Value(L"--client"))
         return RunClient(*pipe, parser.Value(L"--event").value_or(L""));
 
@@ -184,10 +183,10 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
     for (DWORD k = 0; k < list->GroupCount; ++k)
     {
         const SID_AND_ATTRIBUTES& group = list->Groups[k];
-        const std::wstring sid = ATL::CSid(*static_cast<const SID*>(group.Sid)).Sid(), name = AccountOfSid(group.Sid);
-        groups.Push(Json::MakeObject()
-                        .Set(L"sid", sid)
-                        .Set(L"name", name)
+        const AccountName account = NameOf(group.Sid);
+        const std::wstring& sid = account.sid;
+        const std::wstring name = account.Qualified();
+        groups.Push(Account(account)
                         .Set(L"attributes", static_cast<unsigned long>(group.Attributes))
                         .Set(L"flags", Attributes(group.Attributes)));
         groupText += L"  " + sid + (name.empty() ? L"" : L" (" + name + L")") + L"  " + Hex32(group.Attributes) +
@@ -199,7 +198,7 @@ int RunHandover(Context& context, const std::vector<std::wstring>& args)
                     .Set(L"pipe", pipe)
                     .Set(L"restricted", restricted)
                     .Set(L"milliseconds", ms)
-                    .Set(L"user", Json::MakeObject().Set(L"name", AccountOfSid(userSid)).Set(L"sid", userSidText))
+                    .Set(L"user", Account(NameOf(userSid)))
                     .Set(L"type", typeName)
                     .Set(L"sameAsServer", sameAsServer)
                     .Set(L"groups", std::move(groups)));

@@ -1,6 +1,6 @@
 // hash: the text that identifies a file, as the agent computes it.
 
-#include "Inspect.h"
+#include "FileFacts.h"
 
 #include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/SignatureAlgorithmStrategy.h"
@@ -15,10 +15,10 @@ const wchar_t* AlgorithmName(SignatureAlgorithm algorithm)
 {
     switch (algorithm)
     {
-    case SignatureAlgorithmSHA1: return L"SHA1";
-    case SignatureAlgorithmSHA256: return L"SHA256";
-    case SignatureAlgorithmAdler32: return L"Adler32";
-    default: return L"UnknownAlgorithm";
+    case SignatureAlgorithmSHA1: return L"sha1";
+    case SignatureAlgorithmSHA256: return L"sha256";
+    case SignatureAlgorithmAdler32: return L"adler32";
+    default: return L"unknown";
     }
 }
 
@@ -42,9 +42,9 @@ int RunHash(Context& context, const std::vector<std::wstring>& args)
     ArgParser parser({L"--algorithm"}, {});
     std::wstring error;
     if (!parser.Parse(args, error))
-        return Fail(ExitUsage, error);
+        return Fail(ExitUsage, error + SeeHelp(L"hash"));
     if (parser.Positional().empty())
-        return Fail(ExitUsage, L"hash needs at least one PATH (see qxinspect help hash)");
+        return Fail(ExitUsage, L"hash needs at least one PATH" + SeeHelp(L"hash"));
 
     // The tool's own process holds the algorithm: an option sets it, as a
     // caller of the library would; otherwise it is read as the agent reads it.
@@ -69,26 +69,32 @@ int RunHash(Context& context, const std::vector<std::wstring>& args)
     Json files = Json::MakeArray();
     for (const std::wstring& path : parser.Positional())
     {
-        ::SetLastError(ERROR_SUCCESS);
-        const std::wstring hash = QXCommonFunctions::GenerateFileHash(path);
-        const DWORD code = hash.empty() ? ::GetLastError() : ERROR_SUCCESS;
-        const std::wstring message = code != 0 ? QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code)) : L"";
-        someFailed = someFailed || hash.empty();
-        if (context.json)
+        // Only a regular disk file under 4 GiB has an identity: anything else
+        // is refused before the library is asked.
+        FileStatus status = CheckRegularFile(path);
+        std::wstring hash;
+        if (status.Ok())
         {
-            Json entry = Json::MakeObject();
-            entry.Set(L"path", path);
-            if (!hash.empty())
-                entry.Set(L"hash", hash);
-            else
-                entry.Set(L"error", static_cast<unsigned long>(code)).Set(L"message", message);
-            files.Push(entry);
+            ::SetLastError(ERROR_SUCCESS);
+            hash = QXCommonFunctions::GenerateFileHash(PlainPath(path));
+            if (hash.empty())
+            {
+                status.error = ::GetLastError() != ERROR_SUCCESS ? ::GetLastError() : ERROR_READ_FAULT;
+                status.reason = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(status.error));
+            }
         }
-        else if (!hash.empty())
-            Out(hash + L"  " + path + L"\n");
-        else
-            Err(L"qxinspect: " + path + L": no hash, error " + std::to_wstring(code) +
-                (message.empty() ? L"" : L": " + message) + L"\n");
+        Json entry = Json::MakeObject().Set(L"path", path);
+        if (status.Ok())
+        {
+            files.Push(entry.Set(L"hash", hash));
+            if (!context.json)
+                Out(hash + L"  " + path + L"\n");
+            continue;
+        }
+        someFailed = true;
+        files.Push(SetWin32(entry, status.error).Set(L"reason", status.reason));
+        Err(L"qxinspect: " + path + L": no hash: " + status.reason + L" (error " + std::to_wstring(status.error) +
+            L")\n");
     }
     if (context.json)
         OutJson(Json::MakeObject()
@@ -109,9 +115,10 @@ QXINSPECT_COMMAND(L"hash", L"hash PATH... [--algorithm sha1|sha256|adler32]",
                   L"                 uses, read from HKLM\\SOFTWARE\\Kestrova Technologies\\Runwarden\\\n"
                   L"                 MessagesConfig\\Properties, REG_DWORD SignatureAlgorithm\n"
                   L"                 (0 SHA-1, 1 SHA-256, 2 Adler-32; no default)\n"
-                  L"A file that cannot be read is reported on standard error with the system\n"
-                  L"error; --json gives the algorithm, where it came from and, per file, the\n"
-                  L"hash or the error.\n"
+                  L"A file that is not a regular disk file under 4 GiB (a device, a pipe, a\n"
+                  L"folder) or cannot be read has no hash: it is reported on standard error with\n"
+                  L"the reason; --json prints {command, algorithm, source, files[]}, per file\n"
+                  L"the hash or error, errorText and reason.\n"
                   L"Exit codes: 0 every file hashed, 2 bad command line, 3 no algorithm is set\n"
                   L"or some file could not be hashed.\n",
                   &RunHash);

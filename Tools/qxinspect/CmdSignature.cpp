@@ -2,13 +2,10 @@
 // how their signer's chain fares; optionally whether the signer is a rule's
 // certificate.
 
-#include "Decision.h"
-#include "Facts.h"
-#include "Inspect.h"
+#include "FileFacts.h"
+#include "RuleSet.h"
 
 #include "QXCommon/DigitalCertificate.h"
-#include "QXCommon/HResult.h"
-#include "QXCommon/VerifySignedFile.h"
 
 #include <atlsecurity.h>
 
@@ -18,8 +15,6 @@ namespace qxinspect
 {
 namespace
 {
-using QXCommon::CDigitalCertificate;
-
 // The chain's CERT_TRUST_* error bits, by name.
 const struct
 {
@@ -63,113 +58,79 @@ std::wstring Joined(const std::vector<std::wstring>& names)
     return text;
 }
 
-struct Options
-{
-    bool enforceExpiry = false;
-    uint32_t ignoreFlags = 0;
-    bool network = false;
-    bool haveCert = false;
-    CDigitalCertificate cert;
-};
-
 // One file: verification, signer, chain and table. Returns the exit code it
 // calls for (0 verified and matching, 1 not, 3 could not answer).
-int CheckFile(Context& context, const std::wstring& path, Options& options, const ATL::CAccessToken& token,
-              Json& results)
+int CheckFile(const std::wstring& path, const SignaturePolicy& policy, const Certificate* cert,
+              const ATL::CAccessToken& token, bool json, Json& results)
 {
-    if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
+    const SignatureFacts facts = ReadSignature(path, policy, token);
+    Json entry = Json::MakeObject().Set(L"path", path);
+    if (!facts.status.Ok())
     {
-        const DWORD error = GetLastError();
-        const std::wstring text = QXCommon::CHResult(HRESULT_FROM_WIN32(error)).ToString();
-        if (context.json)
-            results.Push(Json::MakeObject().Set(L"path", path).Set(L"error", static_cast<unsigned long>(error)).Set(
-                L"errorText", text));
-        else
-            Out(path + L": cannot be read: " + text + L"\n");
-        Err(L"qxinspect: " + path + L": " + text + L"\n");
+        results.Push(SetWin32(entry, facts.status.error).Set(L"reason", facts.status.reason));
+        if (!json)
+            Out(path + L"\n  could not answer: " + facts.status.reason + L"\n");
+        Err(L"qxinspect: " + path + L": " + facts.status.reason + L"\n");
         return ExitFailed;
     }
-
-    CDigitalCertificate signer;
-    const DWORD readError = signer.ReadFromSignedFile(path);
-    QXCommon::VerifySignedFile policy(options.enforceExpiry, options.ignoreFlags, options.network);
-    const HRESULT result = policy.Verify(signer, path, token);
-    const std::wstring resultText = ResultText(result);
+    const bool haveSigner = facts.readError == 0;
     DWORD chainStatus = 0;
     DWORD policyError = 0;
-    const bool haveSigner = readError == 0;
-    const bool chainBuilt = haveSigner && signer.Verify(options.ignoreFlags, chainStatus, policyError, options.network);
-    DWORD entries = 0;
-    const bool haveEntries = CDigitalCertificate::GetNumberOfCertificatesFromFile(path, entries);
-    const bool matches = options.haveCert && haveSigner && signer == options.cert;
-    const std::wstring name = haveSigner ? TakeBstr(signer.GetName()) : std::wstring();
-    const std::wstring friendly = haveSigner ? TakeBstr(signer.GetFriendlyName()) : std::wstring();
-    const std::wstring expires = haveSigner ? UtcText(signer.GetExpirationDate()) : std::wstring();
+    const bool chainBuilt =
+        haveSigner && facts.signer.Verify(policy.ignoreFlags, chainStatus, policyError, policy.network);
+    const bool matches = cert != nullptr && haveSigner && facts.signer == *cert->cert;
+    const bool same = cert != nullptr && haveSigner && facts.thumbprint == cert->thumbprint;
 
-    if (context.json)
+    SetHresult(entry, L"result", facts.result).Set(L"verified", facts.result == S_OK);
+    std::wstring text = path + L"\n  result:          " + ResultText(facts.result) +
+                        (facts.result == S_OK ? L" (verified)" : L"") + L"\n";
+    if (haveSigner)
     {
-        Json entry = Json::MakeObject();
-        entry.Set(L"path", path)
-            .Set(L"result", static_cast<unsigned long>(result))
-            .Set(L"resultHex", Hex32(static_cast<uint32_t>(result)))
-            .Set(L"resultName", ResultName(result))
-            .Set(L"resultText", resultText)
-            .Set(L"verified", result == S_OK);
-        if (haveSigner)
-        {
-            Json chain = Json::MakeArray();
-            for (const std::wstring& bit : ChainErrorNames(chainStatus))
-                chain.Push(bit);
-            Json signerJson = Json::MakeObject();
-            signerJson.Set(L"name", name).Set(L"friendlyName", friendly).Set(L"expires", expires);
-            signerJson.Set(L"chainBuilt", chainBuilt);
-            signerJson.Set(L"chainErrorStatus", static_cast<unsigned long>(chainStatus))
-                .Set(L"chainErrorStatusHex", Hex32(chainStatus))
-                .Set(L"chainErrors", chain)
-                .Set(L"policyError", static_cast<unsigned long>(policyError))
-                .Set(L"policyErrorHex", Hex32(policyError))
-                .Set(L"policyErrorText", ResultText(static_cast<HRESULT>(policyError)));
-            entry.Set(L"signer", signerJson);
-        }
+        Json chain = Json::MakeArray();
+        for (const std::wstring& bit : ChainErrorNames(chainStatus))
+            chain.Push(bit);
+        Json signer = Json::MakeObject()
+                          .Set(L"name", facts.name)
+                          .Set(L"friendlyName", facts.friendlyName)
+                          .Set(L"expires", facts.expires)
+                          .Set(L"thumbprint", facts.thumbprint)
+                          .Set(L"chainBuilt", chainBuilt)
+                          .Set(L"chainErrorStatus", static_cast<unsigned long>(chainStatus))
+                          .Set(L"chainErrors", chain);
+        SetHresult(signer, L"policyError", static_cast<HRESULT>(policyError));
+        entry.Set(L"signer", std::move(signer));
+        text += L"  signer:          " + facts.name + L"\n  friendly name:   " + facts.friendlyName +
+                L"\n  expires:         " + facts.expires + L"\n  sha256:          " + facts.thumbprint + L"\n";
+        if (chainBuilt)
+            text += L"  chain status:    " + Hex32(chainStatus) +
+                    (chainStatus != 0 ? L" (" + Joined(ChainErrorNames(chainStatus)) + L")" : L"") +
+                    L"\n  policy error:    " + ResultText(static_cast<HRESULT>(policyError)) + L"\n";
         else
-        {
-            entry.Set(L"signer", nullptr).Set(L"signerReadError", static_cast<unsigned long>(readError));
-        }
-        entry.Set(L"certificateTableEntries", haveEntries ? Json(static_cast<unsigned long>(entries)) : Json(nullptr));
-        if (options.haveCert)
-            entry.Set(L"matchesCert", matches);
-        results.Push(entry);
+            text += L"  chain:           could not be built (run with --log for the reason)\n";
     }
     else
     {
-        Out(path + L"\n");
-        Out(L"  result:          " + resultText + (result == S_OK ? L" (verified)" : L"") + L"\n");
-        if (haveSigner)
-        {
-            Out(L"  signer:          " + name + L"\n");
-            Out(L"  friendly name:   " + friendly + L"\n");
-            Out(L"  expires:         " + expires + L"\n");
-            if (chainBuilt)
-            {
-                Out(L"  chain status:    " + Hex32(chainStatus) +
-                    (chainStatus != 0 ? L" (" + Joined(ChainErrorNames(chainStatus)) + L")" : L"") + L"\n");
-                Out(L"  policy error:    " + ResultText(static_cast<HRESULT>(policyError)) + L"\n");
-            }
-            else
-            {
-                Out(L"  chain:           could not be built (run with --log for the reason)\n");
-            }
-        }
-        else
-        {
-            Out(L"  signer:          (none: " + ResultText(static_cast<HRESULT>(readError)) + L")\n");
-        }
-        Out(L"  table entries:   " + (haveEntries ? std::to_wstring(entries) : std::wstring(L"(not a PE image)")) +
-            L"\n");
-        if (options.haveCert)
-            Out(L"  matches cert:    " + BoolText(matches) + L"\n");
+        entry.Set(L"signer", nullptr);
+        SetHresult(entry, L"signerError", static_cast<HRESULT>(facts.readError));
+        text += L"  signer:          (none: " + ResultText(static_cast<HRESULT>(facts.readError)) + L")\n";
     }
-    return result == S_OK && (!options.haveCert || matches) ? ExitOk : ExitNo;
+    entry.Set(L"certificateTableEntries", facts.haveEntries ? Json(static_cast<unsigned long>(facts.entries)) : Json());
+    text += L"  table entries:   " +
+            (facts.haveEntries ? std::to_wstring(facts.entries) : std::wstring(L"(not a PE image)")) + L"\n";
+    if (cert != nullptr)
+    {
+        entry.Set(L"matchesCert", matches).Set(L"sameCertificate", same);
+        text += L"  matches cert:    " + BoolText(matches) + L" (same issuer and serial number)\n" +
+                L"  same cert:       " + BoolText(same) + L" (byte for byte, sha256 " + cert->thumbprint + L")\n";
+        if (matches && !same)
+            Err(L"qxinspect: WARNING: " + path + L": the signer \"" + facts.name +
+                L"\" has the issuer and serial number of --cert but is another certificate (sha256 " +
+                facts.thumbprint + L", not " + cert->thumbprint + L"): the agent takes it for --cert\n");
+    }
+    results.Push(std::move(entry));
+    if (!json)
+        Out(text);
+    return facts.result == S_OK && (cert == nullptr || matches) ? ExitOk : ExitNo;
 }
 
 int RunSig(Context& context, const std::vector<std::wstring>& args)
@@ -177,71 +138,72 @@ int RunSig(Context& context, const std::vector<std::wstring>& args)
     ArgParser parser({L"--cert", L"--ignore"}, {L"--enforce-expiry", L"--network"});
     std::wstring error;
     if (!parser.Parse(args, error))
-        return Fail(ExitUsage, error);
+        return Fail(ExitUsage, error + SeeHelp(L"sig"));
     if (parser.Positional().empty())
-        return Fail(ExitUsage, L"sig needs at least one PATH (see qxinspect help sig)");
-
-    Options options;
+        return Fail(ExitUsage, L"sig needs at least one PATH" + SeeHelp(L"sig"));
     SignaturePolicy policy;
     if (!ParsePolicy(parser, policy, error))
         return Fail(ExitUsage, error);
-    options.enforceExpiry = policy.enforceExpiry;
-    options.network = policy.network;
-    options.ignoreFlags = policy.ignoreFlags;
-    if (auto cert = parser.Value(L"--cert"))
-    {
-        const DWORD certError = options.cert.ReadFromCERFile(*cert);
-        if (certError != 0)
-            return Fail(ExitFailed, L"--cert " + *cert + L": " +
-                                        QXCommon::CHResult(static_cast<HRESULT>(certError)).ToString());
-        options.haveCert = true;
-    }
+    Certificate cert;
+    const auto certPath = parser.Value(L"--cert");
+    if (certPath && !ReadCertificate(*certPath, cert, error))
+        return Fail(ExitUsage, L"--cert " + error);
+    if (certPath && WaivesUnknownRoot(policy))
+        Err(L"qxinspect: warning: --ignore with 0x10 allows an unknown root: a certificate that anyone makes with "
+            L"the issuer name and serial number of --cert verifies and matches\n");
 
     // Files are opened as this process's user, as the agent opens them as the
     // user it verifies for.
     ATL::CAccessToken token;
     if (!token.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE))
-        return Fail(ExitFailed, L"the process token cannot be opened: error " + std::to_wstring(GetLastError()));
+        return Fail(ExitFailed, L"the process token cannot be opened: " + Win32Text(GetLastError()));
 
     int exitCode = ExitOk;
     Json results = Json::MakeArray();
+    // Text goes out per file as it is ready; with --json only the document.
     for (const std::wstring& path : parser.Positional())
     {
-        const int code = CheckFile(context, path, options, token, results);
+        const int code = CheckFile(path, policy, certPath ? &cert : nullptr, token, context.json, results);
         if (code == ExitFailed || (code == ExitNo && exitCode == ExitOk))
             exitCode = code;
     }
     if (context.json)
     {
-        Json document = Json::MakeObject();
-        document.Set(L"enforceExpiry", options.enforceExpiry)
-            .Set(L"ignoreFlags", static_cast<unsigned long>(options.ignoreFlags))
-            .Set(L"network", options.network);
-        if (options.haveCert)
-            document.Set(L"cert", TakeBstr(options.cert.GetName()));
-        document.Set(L"files", results);
-        OutJson(document);
+        Json document = Json::MakeObject().Set(L"policy", PolicyJson(policy));
+        document.Set(L"cert", certPath ? Json::MakeObject()
+                                             .Set(L"path", cert.path)
+                                             .Set(L"name", cert.name)
+                                             .Set(L"thumbprint", cert.thumbprint)
+                                       : Json());
+        OutJson(document.Set(L"files", std::move(results)));
     }
     return exitCode;
 }
 } // namespace
 
-QXINSPECT_COMMAND(L"sig", L"sig PATH... [--cert FILE.cer] [--enforce-expiry] [--ignore FLAGS] [--network]",
+QXINSPECT_COMMAND(L"sig", L"sig PATH... [--cert FILE] [--enforce-expiry] [--ignore FLAGS] [--network]",
                   L"whether files are validly signed, by whom, and how the signer's chain fares",
                   L"For each PATH verifies the embedded Authenticode signature and then the chain\n"
                   L"of the file's signer under the base policy, as the agent does (the file is\n"
                   L"opened as this process's user). Prints the result (code and text, 0 when\n"
-                  L"the file counts as validly signed), the signer's name, friendly name and\n"
-                  L"expiry, the chain's error status (CERT_TRUST_* bits, named) and the policy's\n"
-                  L"error, and the number of entries in the file's certificate table.\n"
-                  L"  --cert FILE.cer    also tell whether the signer is this certificate (same\n"
-                  L"                     issuer and serial number); a file counts only if it is\n"
+                  L"the file counts as validly signed), the signer's name, friendly name, expiry\n"
+                  L"and SHA-256 thumbprint, the chain's error status (CERT_TRUST_* bits, named)\n"
+                  L"and the policy's error, and the number of entries in the file's certificate\n"
+                  L"table. A PATH that is not a regular disk file under 4 GiB (a device, a folder)\n"
+                  L"or cannot be read is not answered (exit 3).\n"
+                  L"  --cert FILE        also tell whether the signer is this certificate (DER or\n"
+                  L"                     PEM): as the agent compares (same issuer and serial\n"
+                  L"                     number; a file counts only if it is) and byte for byte\n"
+                  L"                     (SHA-256), with a warning when only the first holds\n"
                   L"  --enforce-expiry   an expired signer fails (by default it is accepted)\n"
                   L"  --ignore FLAGS     chain-policy flags to ignore (CERT_CHAIN_POLICY_*_FLAG),\n"
                   L"                     decimal or 0x-hexadecimal; e.g. 0xF00 ignores unknown\n"
-                  L"                     revocation, 0x10 an untrusted root, 0x7 expiry\n"
+                  L"                     revocation, 0x10 an untrusted or unknown root (then any\n"
+                  L"                     certificate with --cert's issuer and serial matches), 0x7\n"
+                  L"                     expiry\n"
                   L"  --network          allow the chain engine to fetch URLs\n"
+                  L"--json prints {command, policy, cert, files[]}.\n"
                   L"Exit codes: 0 every file verified (and matched --cert), 1 some did not,\n"
-                  L"2 bad command line, 3 a file or the --cert certificate could not be read.\n",
+                  L"2 bad command line or --cert file, 3 a file could not be answered.\n",
                   &RunSig);
 } // namespace qxinspect

@@ -1,8 +1,7 @@
 // split: which program and which arguments a command line names, and the
 // arguments with the files found on the search path written as full paths.
 
-#include "Facts.h"
-#include "Inspect.h"
+#include "Platform.h"
 
 namespace qxinspect
 {
@@ -15,7 +14,7 @@ int RunSplit(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error))
         return Fail(ExitUsage, error);
     if (parser.Positional().empty())
-        return Fail(ExitUsage, L"split needs a COMMANDLINE (see qxinspect help split)");
+        return Fail(ExitUsage, L"split needs a COMMANDLINE" + SeeHelp(L"split"));
 
     // Several words are joined with one blank; quote the whole command line
     // to keep its spacing and quotes exactly.
@@ -51,11 +50,18 @@ int RunSplit(Context& context, const std::vector<std::wstring>& args)
             Out(L"expanded:  " + expanded + L"\n");
     }
 
+    // The document above is the answer; the reason goes to stderr.
     if (!split)
-        return Fail(ExitNo, L"no program found in the command line: a closing quote is missing, or the unquoted "
-                            L"program path does not end in .exe");
+    {
+        Err(L"qxinspect: no program found in the command line: a closing quote is missing, or the unquoted "
+            L"program path does not end in .exe\n");
+        return ExitNo;
+    }
     if (!converted)
-        return Fail(ExitFailed, L"the arguments could not be expanded (run with --log for the reason)");
+    {
+        Err(L"qxinspect: the arguments could not be expanded (run with --log for the reason)\n");
+        return ExitFailed;
+    }
     return ExitOk;
 }
 } // namespace
@@ -72,7 +78,7 @@ QXINSPECT_COMMAND(L"split", L"split COMMANDLINE...",
                   L"\n"
                   L"Output: the module, the arguments, and the arguments with every bare file name that\n"
                   L"is found on the search path (notepad.exe, a.txt) replaced by its full path; arguments\n"
-                  L"that hold blanks are quoted. --json prints {commandLine, split, module, arguments,\n"
+                  L"that hold blanks are quoted. --json prints {command, commandLine, split, module, arguments,\n"
                   L"expanded}. --log shows the library's log lines.\n"
                   L"\n"
                   L"Exit codes: 0 split, 1 no program found, 2 bad usage, 3 expansion failed.\n"

@@ -1,7 +1,7 @@
 // os, error, guid, exe: what the system is, the texts of a result code, GUIDs,
 // and whether files are NT executable images.
 
-#include "Inspect.h"
+#include "Platform.h"
 
 #include "QXCommon/Guid.h"
 #include "QXCommon/HResult.h"
@@ -43,7 +43,7 @@ bool RealVersion(OSVERSIONINFOEXW& info)
 int RunOS(Context& context, const std::vector<std::wstring>& args)
 {
     if (!args.empty())
-        return Fail(ExitUsage, L"os takes no arguments (see qxinspect help os)");
+        return Fail(ExitUsage, L"os takes no arguments" + SeeHelp(L"os"));
     const DWORD bits = QXCommonFunctions::GetCurrentOS();
     const bool arch64 = QXCommonFunctions::Is64BitArchitecture();
     const bool wow64 = QXCommonFunctions::IsWow64(::GetCurrentProcessId());
@@ -62,7 +62,6 @@ int RunOS(Context& context, const std::vector<std::wstring>& args)
     {
         OutJson(Json::MakeObject()
                     .Set(L"os", bits)
-                    .Set(L"osHex", Hex32(bits))
                     .Set(L"name", OSName(bits))
                     .Set(L"version", version)
                     .Set(L"productType", productType)
@@ -82,7 +81,7 @@ int RunOS(Context& context, const std::vector<std::wstring>& args)
 int RunError(Context& context, const std::vector<std::wstring>& args)
 {
     if (args.size() != 1)
-        return Fail(ExitUsage, L"error needs one CODE (see qxinspect help error)");
+        return Fail(ExitUsage, L"error needs one CODE" + SeeHelp(L"error"));
     uint32_t code = 0;
     if (!ParseNumber32(args[0], code))
         return Fail(ExitUsage, L"not a 32-bit number: " + args[0]);
@@ -90,11 +89,10 @@ int RunError(Context& context, const std::vector<std::wstring>& args)
     const std::wstring message = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code));
     if (context.json)
     {
-        OutJson(Json::MakeObject()
-                    .Set(L"code", static_cast<unsigned long>(code))
-                    .Set(L"hex", Hex32(code))
-                    .Set(L"hresult", hresultText)
-                    .Set(L"message", message));
+        // The code read both ways: as an HRESULT and as a Win32 code.
+        Json document = Json::MakeObject().Set(L"code", static_cast<unsigned long>(code));
+        SetHresult(document, L"result", static_cast<HRESULT>(code));
+        OutJson(document.Set(L"errorText", message));
         return ExitOk;
     }
     Out(L"code:    " + std::to_wstring(code) + L" (" + Hex32(code) + L")\n");
@@ -110,7 +108,7 @@ int RunGuid(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error))
         return Fail(ExitUsage, error);
     if (!parser.Positional().empty())
-        return Fail(ExitUsage, L"guid takes no positional arguments (see qxinspect help guid)");
+        return Fail(ExitUsage, L"guid takes no positional arguments" + SeeHelp(L"guid"));
 
     std::wstring text;
     if (auto input = parser.Value(L"--canonicalize"))
@@ -141,7 +139,7 @@ int RunExe(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error))
         return Fail(ExitUsage, error);
     if (parser.Positional().empty())
-        return Fail(ExitUsage, L"exe needs at least one PATH (see qxinspect help exe)");
+        return Fail(ExitUsage, L"exe needs at least one PATH" + SeeHelp(L"exe"));
 
     bool someNot = false;
     bool someFailed = false;
@@ -161,11 +159,11 @@ int RunExe(Context& context, const std::vector<std::wstring>& args)
         if (context.json)
         {
             Json entry = Json::MakeObject();
-            entry.Set(L"path", path).Set(L"result", static_cast<unsigned long>(result));
+            entry.Set(L"path", path);
             entry.Set(L"isNTExe", result == 0 ? Json(isNTExe != FALSE) : Json(nullptr));
-            entry.Set(L"ntExeOrAccessRestricted", restricted);
+            entry.Set(L"ntExeOrAccessRestricted", restricted != 0);
             if (result != 0)
-                entry.Set(L"error", errorText);
+                SetWin32(entry, result);
             results.Push(entry);
             continue;
         }
@@ -199,7 +197,8 @@ QXINSPECT_COMMAND(L"os", L"os", L"which Windows this is, the architecture and th
 QXINSPECT_COMMAND(L"error", L"error CODE", L"the texts of a Win32 error or HRESULT",
                   L"CODE is decimal (negative allowed) or 0x-hexadecimal. Prints the code as a\n"
                   L"result (\"0x%08x text\") and the system's message for it with its line\n"
-                  L"breaks removed (empty when the system has none).\n"
+                  L"breaks removed (empty when the system has none). --json prints {command,\n"
+                  L"code, result, resultText, resultName, errorText}.\n"
                   L"Exit codes: 0 done, 2 CODE is not a 32-bit number.\n",
                   &RunError);
 QXINSPECT_COMMAND(L"guid", L"guid [--canonicalize TEXT]", L"a new GUID, or a text in GUID form",

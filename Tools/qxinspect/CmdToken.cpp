@@ -2,8 +2,7 @@
 // process's or thread's token as the library answers for them, and the
 // identity key of processes.
 
-#include "Facts.h"
-#include "Inspect.h"
+#include "Platform.h"
 
 #include "QXCommon/LsaUtil.h"
 #include "QXCommon/ProcessIDAndCreateTime.h"
@@ -109,7 +108,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
     if (!parser.Parse(args, error))
         return Fail(ExitUsage, error);
     if (!parser.Positional().empty())
-        return Fail(ExitUsage, L"token takes no positional arguments (see qxinspect token --help)");
+        return Fail(ExitUsage, L"token takes no positional arguments" + SeeHelp(L"token"));
     if (parser.Has(L"--pid") && parser.Has(L"--tid"))
         return Fail(ExitUsage, L"give --pid or --tid, not both");
     uint32_t pid = GetCurrentProcessId();
@@ -159,10 +158,9 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
         ATL::CSid sid(*static_cast<const SID*>(group.Sid));
         if (memberText && sid == member)
             listed = true;
-        const std::wstring name = AccountOfSid(group.Sid);
-        groupList.Push(Json::MakeObject()
-                           .Set(L"sid", sid.Sid())
-                           .Set(L"name", name)
+        const AccountName account = NameOf(group.Sid);
+        const std::wstring name = account.Qualified();
+        groupList.Push(Account(account)
                            .Set(L"attributes", static_cast<unsigned long>(group.Attributes))
                            .Set(L"flags", GroupFlags(group.Attributes)));
         groupText += L"  " + std::wstring(sid.Sid()) + (name.empty() ? L"" : L" (" + name + L")") + L"  " +
@@ -187,7 +185,7 @@ int RunToken(Context& context, const std::vector<std::wstring>& args)
     {
         Json result = Json::MakeObject();
         result.Set(L"source", source);
-        result.Set(L"user", Json::MakeObject().Set(L"name", userName).Set(L"sid", user.Sid()));
+        result.Set(L"user", Account(NameOf(const_cast<SID*>(user.GetPSID()))));
         result.Set(L"groups", std::move(groupList));
         result.Set(L"elevated", elevated).Set(L"elevationType", elevationType);
         result.Set(L"restrictedOrFullAdmin", restrictedOrFull).Set(L"hasAdminSid", hasAdminSid);
@@ -240,21 +238,21 @@ int RunProcess(Context& context, const std::vector<std::wstring>& args)
         QXCommon::CProcessIDAndCreateTime identity;
         const DWORD result = identity.Initialise(pid);
         Json entry = Json::MakeObject();
-        entry.Set(L"pid", static_cast<unsigned long>(pid)).Set(L"result", static_cast<unsigned long>(result));
+        entry.Set(L"pid", static_cast<unsigned long>(pid));
         if (result == 0)
         {
             FILETIME created = {};
             identity.GetProcessStartTime(created);
             const std::wstring key = identity.GetProcessIDAndCreateTime();
-            entry.Set(L"key", key).Set(L"created", IsoTime(created));
+            entry.Set(L"key", key).Set(L"created", IsoTime(created, true));
             if (!context.json)
-                Out(std::to_wstring(pid) + L": " + key + L" created " + IsoTime(created) + L"\n");
+                Out(std::to_wstring(pid) + L": " + key + L" created " + IsoTime(created, true) + L"\n");
         }
         else
         {
             someFailed = true;
             const std::wstring text = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(result));
-            entry.Set(L"error", text);
+            SetWin32(entry, result);
             if (!context.json)
                 Out(std::to_wstring(pid) + L": cannot be opened, error " + std::to_wstring(result) + L" (" + text + L")\n");
             Err(L"qxinspect: process " + std::to_wstring(pid) + L": error " + std::to_wstring(result) + L": " + text + L"\n");

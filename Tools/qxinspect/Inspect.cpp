@@ -13,14 +13,33 @@ std::vector<Command>& Registry()
     return commands;
 }
 
-void WriteUtf8(DWORD which, const std::wstring& text)
+// The run's document and the first failed write to standard output.
+struct Output
 {
+    std::wstring command;
+    bool json = false;
+    DWORD writeError = ERROR_SUCCESS;
+};
+
+Output& State()
+{
+    static Output output;
+    return output;
+}
+
+// False with the system's error when the text could not be written whole.
+bool WriteUtf8(DWORD which, const std::wstring& text, DWORD& error)
+{
+    error = ERROR_SUCCESS;
     if (text.empty())
-        return;
+        return true;
     int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
                                     nullptr);
     if (bytes <= 0)
-        return;
+    {
+        error = GetLastError();
+        return false;
+    }
     std::string utf8(static_cast<size_t>(bytes), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), utf8.data(), bytes, nullptr, nullptr);
     HANDLE handle = GetStdHandle(which);
@@ -30,9 +49,13 @@ void WriteUtf8(DWORD which, const std::wstring& text)
         DWORD written = 0;
         if (!WriteFile(handle, utf8.data() + offset, static_cast<DWORD>(utf8.size() - offset), &written, nullptr) ||
             written == 0)
-            break;
+        {
+            error = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_WRITE_FAULT;
+            return false;
+        }
         offset += written;
     }
+    return true;
 }
 
 void Indent(std::wstring& out, int indent, int depth)
@@ -93,6 +116,15 @@ Json& Json::Set(const std::wstring& key, Json value)
     if (!std::holds_alternative<Object>(m_value))
         m_value = Object{};
     std::get<Object>(m_value).emplace_back(key, std::move(value));
+    return *this;
+}
+
+Json& Json::Prepend(const std::wstring& key, Json value)
+{
+    if (!std::holds_alternative<Object>(m_value))
+        m_value = Object{};
+    auto& members = std::get<Object>(m_value);
+    members.emplace(members.begin(), key, std::move(value));
     return *this;
 }
 
@@ -163,23 +195,64 @@ void Json::Write(std::wstring& out, int indent, int depth) const
 
 void Out(const std::wstring& text)
 {
-    WriteUtf8(STD_OUTPUT_HANDLE, text);
+    // After a failed write nothing more is tried: the reader has gone or the
+    // disk is full, and the run ends with a failure exit.
+    Output& state = State();
+    DWORD error = ERROR_SUCCESS;
+    if (state.writeError == ERROR_SUCCESS && !WriteUtf8(STD_OUTPUT_HANDLE, text, error))
+        state.writeError = error;
 }
 
 void Err(const std::wstring& text)
 {
-    WriteUtf8(STD_ERROR_HANDLE, text);
+    DWORD error = ERROR_SUCCESS;
+    WriteUtf8(STD_ERROR_HANDLE, text, error);
 }
 
-void OutJson(const Json& value)
+bool OutputFailed(DWORD& error)
 {
+    error = State().writeError;
+    return error != ERROR_SUCCESS;
+}
+
+void SetDocument(const std::wstring& command, bool json)
+{
+    State().command = command;
+    State().json = json;
+}
+
+void OutJson(Json value)
+{
+    const Output& state = State();
+    value.Prepend(L"command", state.command.empty() ? Json() : Json(state.command));
     Out(value.Serialize() + L"\n");
 }
 
+namespace
+{
+int FailDocument(int exitCode, const wchar_t* kind, const std::wstring& message, Json lines, const std::wstring& text)
+{
+    Err(text);
+    if (State().json)
+    {
+        Json error = Json::MakeObject().Set(L"kind", kind).Set(L"message", message);
+        if (!lines.IsNull())
+            error.Set(L"lines", std::move(lines));
+        OutJson(Json::MakeObject().Set(L"error", std::move(error)));
+    }
+    return exitCode;
+}
+} // namespace
+
 int Fail(int exitCode, const std::wstring& message)
 {
-    Err(L"qxinspect: " + message + L"\n");
-    return exitCode;
+    return FailDocument(exitCode, exitCode == ExitUsage ? L"usage" : L"failed", message, Json(),
+                        L"qxinspect: " + message + L"\n");
+}
+
+int FailInput(const std::wstring& message, Json lines, const std::wstring& text)
+{
+    return FailDocument(ExitUsage, L"input", message, std::move(lines), text);
 }
 
 ArgParser::ArgParser(std::vector<std::wstring> valueOptions, std::vector<std::wstring> flagOptions)
@@ -308,5 +381,15 @@ std::wstring Hex32(uint32_t value)
 std::wstring BoolText(bool value)
 {
     return value ? L"yes" : L"no";
+}
+
+std::wstring Count(size_t n, const wchar_t* singular, const wchar_t* plural)
+{
+    return std::to_wstring(n) + L" " + (n == 1 ? singular : plural);
+}
+
+std::wstring SeeHelp(const wchar_t* command)
+{
+    return std::wstring(L" (see qxinspect help") + (command != nullptr ? L" " + std::wstring(command) : L"") + L")";
 }
 } // namespace qxinspect

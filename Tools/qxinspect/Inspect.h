@@ -2,7 +2,15 @@
 // qxinspect: a command-line front end to QXCommon for the people who write and
 // test rules. Each subcommand lives in its own Cmd*.cpp file and registers
 // itself with QXINSPECT_COMMAND; main.cpp handles the common options
-// (--json, --log, --help), dispatch and exit codes.
+// (--json, --log, --help, --version), dispatch and exit codes.
+//
+// The rule engine that check (and the commands to come that read rule sets)
+// share lives beside the commands, one piece per file:
+//   RuleSet       rules files: kinds, parsing, malformed lines and warnings
+//   FileFacts     the facts of one file (status, hashes, signature), once each
+//   ProgramStart  the facts of one program start (process, token, command line)
+//   Evaluation    a rule set evaluated on those facts: one meaning per kind
+//   Report        what check prints, as text and as JSON
 
 #include <windows.h>
 
@@ -20,7 +28,7 @@ namespace qxinspect
 // Exit codes (documented in --help and README).
 constexpr int ExitOk = 0;      // done; for a yes/no question, the answer is yes
 constexpr int ExitNo = 1;      // done; the answer is no (no match, not an NT image, expression rejected)
-constexpr int ExitUsage = 2;   // bad command line
+constexpr int ExitUsage = 2;   // bad command line or input file (nothing evaluated)
 constexpr int ExitFailed = 3;  // the library or the system could not answer (the error is printed)
 
 // A JSON value for --json output.
@@ -50,8 +58,11 @@ public:
 
     // For objects: appends a member (keeps insertion order). Returns *this.
     Json& Set(const std::wstring& key, Json value);
+    // For objects: puts a member first. Returns *this.
+    Json& Prepend(const std::wstring& key, Json value);
     // For arrays: appends an element. Returns *this.
     Json& Push(Json value);
+    bool IsNull() const { return std::holds_alternative<std::nullptr_t>(m_value); }
 
     std::wstring Serialize(int indent = 2) const;
 
@@ -67,13 +78,24 @@ struct Context
     bool log = false;
 };
 
-// Standard output and standard error, as UTF-8.
+// Standard output and standard error, as UTF-8. A write to standard output
+// that fails is remembered: the run then ends with a failure exit.
 void Out(const std::wstring& text);
 void Err(const std::wstring& text);
-// Prints the JSON value (followed by a line feed) on standard output.
-void OutJson(const Json& value);
-// "qxinspect: <message>" on standard error; returns the exit code given.
+bool OutputFailed(DWORD& error);
+// The run's document: the command it answers (null before one is known) and
+// whether --json asked for documents.
+void SetDocument(const std::wstring& command, bool json);
+// Prints the JSON value (followed by a line feed) on standard output, with
+// "command" put first.
+void OutJson(Json value);
+// "qxinspect: <message>" on standard error and, with --json, the error
+// document {command, error: {kind, message}} on standard output; returns the
+// exit code given (2: kind "usage", 3: kind "failed").
 int Fail(int exitCode, const std::wstring& message);
+// The same for an input file that is refused (exit code 2, kind "input"),
+// with its lines ({file, line, reason}) and the text printed on stderr.
+int FailInput(const std::wstring& message, Json lines, const std::wstring& text);
 
 // Parses the arguments of one command: options that take a value
 // ("--pid 12", "--pid=12"), flags ("--regex") and positional arguments.
@@ -104,6 +126,10 @@ bool ParseNumber32(const std::wstring& text, uint32_t& value);
 // Text forms of common values.
 std::wstring Hex32(uint32_t value);   // "0x0000ABCD"
 std::wstring BoolText(bool value);    // "yes" / "no"
+// "1 rule", "3 rules".
+std::wstring Count(size_t n, const wchar_t* singular, const wchar_t* plural);
+// " (see qxinspect help COMMAND)": the one way the tool points at help.
+std::wstring SeeHelp(const wchar_t* command);
 
 // One subcommand.
 struct Command

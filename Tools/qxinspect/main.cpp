@@ -8,26 +8,35 @@
 
 using namespace qxinspect;
 
+// The project's version, given by the build as a bare number (1.0.0).
+#define QXINSPECT_WIDE_(x) L## #x
+#define QXINSPECT_WIDE(x) QXINSPECT_WIDE_(x)
+#define QXINSPECT_VERSION QXINSPECT_WIDE(QXINSPECT_VERSION_NUMBER)
+
 namespace
 {
 const wchar_t* const Usage =
     L"usage: qxinspect [--json] [--log] COMMAND [ARGUMENTS...]\n"
     L"       qxinspect help [COMMAND]\n"
+    L"       qxinspect --version\n"
     L"\n"
     L"Asks the QXCommon library what the application-control agent asks about a\n"
     L"program: what the system is, whether a file is an NT image, how a path\n"
-    L"matches a rule, how a command line splits, what variables expand to.\n"
+    L"matches a rule, how a command line splits, what variables expand to, and what\n"
+    L"a rule set decides for a program start.\n"
     L"\n"
     L"Options for every command:\n"
-    L"  --json     print the answer as one JSON document on standard output\n"
+    L"  --json     print one JSON document on standard output, whatever happens\n"
+    L"             (errors as {command, error: {kind, message}})\n"
     L"  --log      copy the library's own log lines to standard error\n"
-    L"  --help     show help (for a command: qxinspect COMMAND --help)\n"
+    L"  --help     show help (for a command: qxinspect help COMMAND)\n"
     L"\n"
     L"Exit codes:\n"
     L"  0  done (for a yes/no question: yes)\n"
     L"  1  done, and the answer is no (no match, not an NT image, rejected)\n"
-    L"  2  bad command line\n"
-    L"  3  the library or the system could not answer (the error is printed)\n";
+    L"  2  bad command line or input file (nothing evaluated)\n"
+    L"  3  the library or the system could not answer (the error is printed), or\n"
+    L"     standard output could not be written\n";
 
 void LogToStderr(void*, const QXDbgLogRecord& record)
 {
@@ -41,20 +50,19 @@ void LogToStderr(void*, const QXDbgLogRecord& record)
     Err(line);
 }
 
-void PrintCommandList()
+std::wstring CommandList()
 {
-    Out(Usage);
-    Out(L"\nCommands:\n");
+    std::wstring text = std::wstring(Usage) + L"\nCommands:\n";
     for (const auto& command : Commands())
     {
-        std::wstring synopsis = command.synopsis;
-        std::wstring line = L"  " + synopsis;
+        std::wstring line = L"  " + std::wstring(command.synopsis);
         if (line.size() < 34)
             line.append(34 - line.size(), L' ');
         else
             line += L"\n" + std::wstring(34, L' ');
-        Out(line + command.summary + L"\n");
+        text += line + command.summary + L"\n";
     }
+    return text;
 }
 
 const Command* FindCommand(const std::wstring& name)
@@ -65,33 +73,64 @@ const Command* FindCommand(const std::wstring& name)
     return nullptr;
 }
 
-void PrintCommandHelp(const Command& command)
+std::wstring CommandHelp(const Command& command)
 {
-    Out(std::wstring(L"usage: qxinspect [--json] [--log] ") + command.synopsis + L"\n\n" + command.summary + L"\n");
+    std::wstring text = std::wstring(L"usage: qxinspect [--json] [--log] ") + command.synopsis + L"\n\n" +
+                        command.summary + L"\n";
     if (command.help != nullptr && *command.help != L'\0')
-        Out(std::wstring(L"\n") + command.help);
+        text += std::wstring(L"\n") + command.help;
+    return text;
 }
-} // namespace
 
-int wmain(int argc, wchar_t** argv)
+// Help for people, or with --json the same text in a document.
+int ShowHelp(bool json, const Command* command)
+{
+    const std::wstring text = command != nullptr ? CommandHelp(*command) : CommandList();
+    if (json)
+        OutJson(Json::MakeObject().Set(L"topic", command != nullptr ? Json(command->name) : Json()).Set(L"text", text));
+    else
+        Out(text);
+    return ExitOk;
+}
+
+// The run's status, made a failure when standard output could not be
+// written (a full disk, a reader that has gone).
+int Finish(int status)
+{
+    DWORD error = ERROR_SUCCESS;
+    if (!OutputFailed(error))
+        return status;
+    Err(L"qxinspect: standard output could not be written (error " + std::to_wstring(error) + L")\n");
+    return ExitFailed;
+}
+
+int Run(int argc, wchar_t** argv)
 {
     Context context;
-    bool help = false;
+    bool help = false, version = false;
     std::wstring commandName;
     std::vector<std::wstring> args;
     bool optionsEnded = false;
+
+    // --json anywhere before "--" asks for a document, even for an error met
+    // before it is read.
+    for (int k = 1; k < argc && std::wcscmp(argv[k], L"--") != 0; ++k)
+        context.json = context.json || std::wcscmp(argv[k], L"--json") == 0;
+    SetDocument(L"", context.json);
 
     for (int k = 1; k < argc; ++k)
     {
         std::wstring arg = argv[k];
         if (!optionsEnded && arg == L"--json")
-            context.json = true;
-        else if (!optionsEnded && arg == L"--log")
+            continue;
+        if (!optionsEnded && arg == L"--log")
             context.log = true;
         else if (!optionsEnded && (arg == L"--help" || arg == L"-h" || arg == L"/?"))
             help = true;
+        else if (commandName.empty() && !optionsEnded && arg == L"--version")
+            version = true;
         else if (commandName.empty() && !optionsEnded && arg.size() > 1 && arg[0] == L'-')
-            return Fail(ExitUsage, L"unknown option " + arg + L" (see qxinspect --help)");
+            return Fail(ExitUsage, L"unknown option " + arg + SeeHelp(nullptr));
         else if (commandName.empty())
             commandName = arg;
         else
@@ -102,32 +141,43 @@ int wmain(int argc, wchar_t** argv)
         }
     }
 
+    if (version)
+    {
+        SetDocument(L"version", context.json);
+        if (context.json)
+            OutJson(Json::MakeObject().Set(L"version", QXINSPECT_VERSION));
+        else
+            Out(L"qxinspect " QXINSPECT_VERSION L" (QXCommon " QXINSPECT_VERSION L")\n");
+        return ExitOk;
+    }
     if (commandName.empty())
     {
-        PrintCommandList();
-        return help ? ExitOk : ExitUsage;
+        SetDocument(L"help", context.json);
+        if (help)
+            return ShowHelp(context.json, nullptr);
+        // No command is an error: the usage goes to standard error.
+        Err(CommandList());
+        return Fail(ExitUsage, L"no command given" + SeeHelp(nullptr));
     }
     if (commandName == L"help")
     {
+        SetDocument(L"help", context.json);
         if (args.empty())
-        {
-            PrintCommandList();
-            return ExitOk;
-        }
+            return ShowHelp(context.json, nullptr);
         const Command* command = FindCommand(args[0]);
         if (command == nullptr)
-            return Fail(ExitUsage, L"unknown command " + args[0] + L" (see qxinspect --help)");
-        PrintCommandHelp(*command);
-        return ExitOk;
+            return Fail(ExitUsage, L"unknown command " + args[0] + SeeHelp(nullptr));
+        return ShowHelp(context.json, command);
     }
 
     const Command* command = FindCommand(commandName);
     if (command == nullptr)
-        return Fail(ExitUsage, L"unknown command " + commandName + L" (see qxinspect --help)");
+        return Fail(ExitUsage, L"unknown command " + commandName + SeeHelp(nullptr));
+    SetDocument(command->name, context.json);
     if (help)
     {
-        PrintCommandHelp(*command);
-        return ExitOk;
+        SetDocument(L"help", context.json);
+        return ShowHelp(context.json, command);
     }
 
     if (context.log)
@@ -135,11 +185,17 @@ int wmain(int argc, wchar_t** argv)
         GetDbgManager()->SetSink(&LogToStderr, nullptr);
         GetDbgManager()->SetDebuggerOutput(true);
     }
-    int status = command->run(context, args);
+    const int status = command->run(context, args);
     if (context.log)
     {
         GetDbgManager()->SetDebuggerOutput(false);
         GetDbgManager()->SetSink(nullptr, nullptr);
     }
     return status;
+}
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    return Finish(Run(argc, argv));
 }

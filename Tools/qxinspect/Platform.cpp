@@ -1,14 +1,11 @@
-#include "Facts.h"
+#include "Platform.h"
 
 #include "QXCommon/CommandLineSplitter.h"
 #include "QXCommon/EnvironmentEx.h"
 #include "QXCommon/ExpandArgs.h"
-#include "QXCommon/FilePathPatternMatcher.h"
-#include "QXCommon/GlobWildcardString.h"
 #include "QXCommon/HResult.h"
 #include "QXCommon/LsaUtil.h"
 #include "QXCommon/QXCommonFunctions.h"
-#include "QXCommon/RegExHelpers.h"
 
 #include <aclapi.h>
 #include <sddl.h>
@@ -16,41 +13,13 @@
 
 #include <atlsecurity.h>
 
+#include <algorithm>
 #include <cwchar>
+#include <cwctype>
 #include <memory>
 
 namespace qxinspect
 {
-std::wstring AccountOfSid(PSID sid)
-{
-    if (sid == nullptr || !IsValidSid(sid))
-        return L"";
-    ATL::CSid account(*static_cast<const SID*>(sid));
-    const std::wstring name = account.AccountName();
-    const std::wstring domain = account.Domain();
-    return domain.empty() || name.empty() ? name : domain + L"\\" + name;
-}
-
-namespace
-{
-std::wstring SidOf(PSID sid)
-{
-    return sid != nullptr && IsValidSid(sid) ? ATL::CSid(*static_cast<const SID*>(sid)).Sid() : L"";
-}
-
-const struct
-{
-    MatchKind kind;
-    const wchar_t* name;
-} KindNames[] = {
-    {MatchKind::Automatic, L"automatic"},  {MatchKind::Name, L"name"},
-    {MatchKind::Path, L"path"},            {MatchKind::Wildcard, L"wildcard"},
-    {MatchKind::Folder, L"folder"},        {MatchKind::Subfolders, L"subfolders"},
-    {MatchKind::Regex, L"regex"},          {MatchKind::Glob, L"glob"},
-    {MatchKind::Network, L"network"},      {MatchKind::HookExceptions, L"hook-exceptions"},
-};
-} // namespace
-
 const wchar_t* ResultName(HRESULT result)
 {
     switch (result)
@@ -70,6 +39,7 @@ const wchar_t* ResultName(HRESULT result)
     case CRYPT_E_NO_REVOCATION_CHECK: return L"CRYPT_E_NO_REVOCATION_CHECK";
     case CRYPT_E_REVOCATION_OFFLINE: return L"CRYPT_E_REVOCATION_OFFLINE";
     case CRYPT_E_NO_MATCH: return L"CRYPT_E_NO_MATCH";
+    case CRYPT_E_NOT_FOUND: return L"CRYPT_E_NOT_FOUND";
     default: return L"";
     }
 }
@@ -80,26 +50,25 @@ std::wstring ResultText(HRESULT result)
     return QXCommon::CHResult(result).ToString() + (name.empty() ? L"" : L" [" + name + L"]");
 }
 
-std::wstring UtcText(FILETIME time)
+std::wstring Win32Text(DWORD code)
+{
+    const std::wstring text = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code));
+    return std::to_wstring(code) + (text.empty() ? L"" : L" (" + text + L")");
+}
+
+std::wstring IsoTime(const FILETIME& time, bool fraction)
 {
     SYSTEMTIME utc = {};
     if ((time.dwHighDateTime == 0 && time.dwLowDateTime == 0) || !FileTimeToSystemTime(&time, &utc))
-        return std::wstring();
-    wchar_t text[32];
-    swprintf(text, 32, L"%04u-%02u-%02u %02u:%02u:%02u UTC", utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute,
-             utc.wSecond);
-    return text;
-}
-
-std::wstring IsoTime(const FILETIME& time)
-{
-    SYSTEMTIME utc = {};
-    if (!FileTimeToSystemTime(&time, &utc))
         return L"";
     const unsigned long long ticks = (static_cast<unsigned long long>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
     wchar_t text[40];
-    std::swprintf(text, 40, L"%04u-%02u-%02uT%02u:%02u:%02u.%07lluZ", utc.wYear, utc.wMonth, utc.wDay, utc.wHour,
-                  utc.wMinute, utc.wSecond, ticks % 10000000ULL);
+    if (fraction)
+        std::swprintf(text, 40, L"%04u-%02u-%02uT%02u:%02u:%02u.%07lluZ", utc.wYear, utc.wMonth, utc.wDay, utc.wHour,
+                      utc.wMinute, utc.wSecond, ticks % 10000000ULL);
+    else
+        std::swprintf(text, 40, L"%04u-%02u-%02uT%02u:%02u:%02uZ", utc.wYear, utc.wMonth, utc.wDay, utc.wHour,
+                      utc.wMinute, utc.wSecond);
     return text;
 }
 
@@ -110,10 +79,42 @@ std::wstring TakeBstr(BSTR text)
     return value;
 }
 
-std::wstring Win32Text(DWORD code)
+Json& SetWin32(Json& object, DWORD code)
 {
-    const std::wstring text = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code));
-    return std::to_wstring(code) + (text.empty() ? L"" : L" (" + text + L")");
+    return object.Set(L"error", static_cast<unsigned long>(code))
+        .Set(L"errorText", QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(code)));
+}
+
+Json& SetHresult(Json& object, const std::wstring& key, HRESULT result)
+{
+    // CHResult's text is "0x%08x message": the code and the system's message.
+    const std::wstring text = QXCommon::CHResult(result).ToString();
+    const std::wstring name = ResultName(result);
+    return object.Set(key, text.substr(0, 10))
+        .Set(key + L"Text", text.size() > 11 ? text.substr(11) : std::wstring())
+        .Set(key + L"Name", name.empty() ? Json() : Json(name));
+}
+
+std::wstring AccountName::Qualified() const
+{
+    return domain.empty() || name.empty() ? name : domain + L"\\" + name;
+}
+
+AccountName NameOf(PSID sid)
+{
+    AccountName account;
+    if (sid == nullptr || !IsValidSid(sid))
+        return account;
+    ATL::CSid known(*static_cast<const SID*>(sid));
+    account.sid = known.Sid();
+    account.name = known.AccountName();
+    account.domain = known.Domain();
+    return account;
+}
+
+Json Account(const AccountName& account)
+{
+    return Json::MakeObject().Set(L"name", account.name).Set(L"domain", account.domain).Set(L"sid", account.sid);
 }
 
 Descriptor ReadDescriptor(const std::wstring& path)
@@ -129,10 +130,8 @@ Descriptor ReadDescriptor(const std::wstring& path)
     const LocalPtr<void> descriptorOwner(descriptor);
     if (result.error != ERROR_SUCCESS)
         return result;
-    result.ownerSid = SidOf(owner);
-    result.ownerName = AccountOfSid(owner);
-    result.groupSid = SidOf(group);
-    result.groupName = AccountOfSid(group);
+    result.owner = NameOf(owner);
+    result.group = NameOf(group);
     LPWSTR text = nullptr;
     if (ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
                                                              &text, nullptr))
@@ -173,7 +172,7 @@ bool LoadTable(QXCommon::CEnvironmentEx& env, uint32_t pid, std::wstring& error)
     ATL::CAccessToken token;
     if (!token.GetProcessToken(TOKEN_READ | TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE))
     {
-        error = L"cannot open the tool's own token, error " + std::to_wstring(GetLastError());
+        error = L"cannot open the tool's own token: " + Win32Text(GetLastError());
         return false;
     }
     DWORD session = 0;
@@ -198,59 +197,15 @@ SplitLine SplitAndExpand(const std::wstring& cmdLine)
     return line;
 }
 
-bool ParseMatchKind(const std::wstring& name, MatchKind& kind)
+bool EqualNoCase(const std::wstring& a, const std::wstring& b)
 {
-    for (const auto& entry : KindNames)
-        if (name == entry.name)
-        {
-            kind = entry.kind;
-            return true;
-        }
-    return false;
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) { return towlower(x) == towlower(y); });
 }
 
-const wchar_t* MatchKindName(MatchKind kind)
+bool OnWine()
 {
-    for (const auto& entry : KindNames)
-        if (entry.kind == kind)
-            return entry.name;
-    return L"?";
-}
-
-int MatchPath(MatchKind kind, const std::wstring& path, const std::wstring& pattern, int flag, std::wstring& error)
-{
-    using QXCommon::CFilePathPatternMatcher;
-    switch (kind)
-    {
-    case MatchKind::Automatic:
-    case MatchKind::Path: return CFilePathPatternMatcher::MatchAgainstPattern(path, pattern, flag);
-    case MatchKind::Name: return CFilePathPatternMatcher::MatchAgainstJustFileName(path, pattern);
-    case MatchKind::Wildcard: return CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, flag);
-    case MatchKind::Folder: return CFilePathPatternMatcher::MatchAgainstFolder(path, pattern, 0);
-    case MatchKind::Subfolders: return CFilePathPatternMatcher::MatchAgainstFolder(path, pattern, 1);
-    case MatchKind::Network: return CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(path, pattern, flag);
-    case MatchKind::HookExceptions: return CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(path, pattern);
-    case MatchKind::Regex:
-    {
-        int parseError = 0;
-        if (!ValidateRegularExpression(pattern.c_str(), &parseError))
-        {
-            error = L"invalid regular expression, error " + std::to_wstring(parseError);
-            return -1;
-        }
-        return CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern(path, pattern);
-    }
-    case MatchKind::Glob:
-    {
-        QXCommon::RegExHelpers::GlobWildcardString glob;
-        if (!glob.Parse(pattern))
-        {
-            error = L"the glob cannot be compiled (run with --log for the reason)";
-            return -1;
-        }
-        return glob.Match(path) ? 1 : 0;
-    }
-    }
-    return 0;
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
 }
 } // namespace qxinspect
