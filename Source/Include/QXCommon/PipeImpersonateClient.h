@@ -67,9 +67,10 @@ public:
     // the thread acts as someone else).
     BOOL SendReadyMessage();
     // Ends the impersonation and puts the thread back to what it
-    // impersonated before ConnectAndImpersonate; FALSE unless
-    // ConnectAndImpersonate succeeded since the last RevertToSelf, and on a
-    // thread other than the impersonating one (which then stays as it is).
+    // impersonated before ConnectAndImpersonate. FALSE unless
+    // ConnectAndImpersonate succeeded since the last RevertToSelf; FALSE
+    // (ERROR_INVALID_THREAD_ID) on another thread than the impersonating
+    // one, which stays as it is.
     BOOL RevertToSelf();
 
 private:
