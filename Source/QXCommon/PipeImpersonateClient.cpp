@@ -1,9 +1,12 @@
 // The client side of the identity hand-over: wait for the server's pipe with
 // a linear back-off, impersonate the user's token, send the ready byte with
-// impersonation-level quality of service, wait for the close byte.
+// impersonation-level quality of service, wait at most 5000 ms for the close
+// byte, and put the thread back to what it acted as before.
 
 #include "QXCommon/PipeImpersonateClient.h"
 
+#include "PipeDetail.h"
+#include "QXCommon/ImpersonationSaver.h"
 #include "QXLog.h"
 #include "TokenDetail.h"
 
@@ -15,29 +18,49 @@ namespace QXCommon
 {
 namespace
 {
-constexpr DWORD PipeOpenFlags = SECURITY_SQOS_PRESENT | SECURITY_IMPERSONATION; // 0x120000
-constexpr DWORD CloseWaitMs = 5000;
+// Overlapped, so that the wait for the server's answer has its bound.
+constexpr DWORD PipeOpenFlags = SECURITY_SQOS_PRESENT | SECURITY_IMPERSONATION | FILE_FLAG_OVERLAPPED; // 0x40120000
 constexpr BYTE ReadyMessage = 1;
 constexpr BYTE CloseMessage = 2;
 
-// A token object holding a duplicate of the handle (same access,
-// inheritable), or null when the handle cannot be duplicated.
-std::unique_ptr<ATL::CAccessToken> DuplicateTokenHandle(HANDLE token, const char* function)
+// The id of the token the calling thread impersonates (TokenStatistics): one
+// id is one token object. ERROR_NO_TOKEN when the thread impersonates nothing.
+DWORD ThreadTokenId(LUID& id)
 {
-    HANDLE duplicate = nullptr;
-    if (!::DuplicateHandle(::GetCurrentProcess(), token, ::GetCurrentProcess(), &duplicate, 0, TRUE,
-                           DUPLICATE_SAME_ACCESS))
-    {
-        const DWORD error = ::GetLastError();
-        QXLOG_ERROR(function, L"Failed to DuplicateHandle - error {}\n", error);
-        ::SetLastError(error);
-        return nullptr;
-    }
-    auto owner = std::make_unique<ATL::CAccessToken>();
-    owner->Attach(duplicate);
-    return owner;
+    HANDLE opened = nullptr;
+    if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, FALSE, &opened) &&
+        (::GetLastError() == ERROR_NO_TOKEN || !::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, &opened)))
+        return ::GetLastError();
+    ATL::CHandle token(opened);
+    TOKEN_STATISTICS statistics = {};
+    DWORD length = 0;
+    if (!::GetTokenInformation(token, TokenStatistics, &statistics, sizeof(statistics), &length))
+        return ::GetLastError();
+    id = statistics.TokenId;
+    return ERROR_SUCCESS;
 }
 } // namespace
+
+struct CPipeImpersonateClient::Impersonation
+{
+    CImpersonationSaver previous; // made before the thread changes; puts it back when this goes
+    const DWORD thread = ::GetCurrentThreadId();
+    LUID tokenId = {}; // of the thread's token once it impersonates the user
+
+    ~Impersonation()
+    {
+        // Another thread than the impersonating one is left as it is.
+        if (thread != ::GetCurrentThreadId())
+            previous.SetImpersonationOccurred(0);
+    }
+    // The calling thread impersonates, now, the token this object put on it.
+    bool Current() const
+    {
+        LUID id = {};
+        return thread == ::GetCurrentThreadId() && ThreadTokenId(id) == ERROR_SUCCESS &&
+               id.LowPart == tokenId.LowPart && id.HighPart == tokenId.HighPart;
+    }
+};
 
 CPipeImpersonateClient::CPipeImpersonateClient(const std::wstring& pipeName, HANDLE userToken,
                                                PipeExistsFunction pipeExists)
@@ -46,32 +69,38 @@ CPipeImpersonateClient::CPipeImpersonateClient(const std::wstring& pipeName, HAN
     QXLOG_INFO("QXCommon::CPipeImpersonateClient::CPipeImpersonateClient", L"Pipe name[{}]\n", this->pipeName);
 }
 
+// An impersonation belongs to the thread and the object that made it: a copy
+// starts without one.
 CPipeImpersonateClient::CPipeImpersonateClient(const CPipeImpersonateClient& other)
     : pipeName(other.pipeName), m_hUserToken(other.m_hUserToken), pipeExists(other.pipeExists)
 {
-    if (other.m_pAccessToken)
-        m_pAccessToken = DuplicateTokenHandle(other.m_pAccessToken->GetHandle(),
-                                             "QXCommon::CPipeImpersonateClient::CPipeImpersonateClient");
 }
 
 CPipeImpersonateClient& CPipeImpersonateClient::operator=(const CPipeImpersonateClient& other)
 {
     if (this != &other)
     {
+        // The copy leaves with this object's impersonation and puts the thread back.
         CPipeImpersonateClient copy(other);
         std::swap(pipeName, copy.pipeName);
         std::swap(m_hUserToken, copy.m_hUserToken);
         std::swap(m_pAccessToken, copy.m_pAccessToken);
         std::swap(pipeExists, copy.pipeExists);
+        std::swap(m_impersonation, copy.m_impersonation);
     }
     return *this;
 }
 
+// Members go in reverse order: m_impersonation first, which puts the thread back.
 CPipeImpersonateClient::~CPipeImpersonateClient() = default;
 
 BOOL CPipeImpersonateClient::ConnectAndImpersonate(int timeoutMs, int stepMs)
 {
     const char* const function = "QXCommon::CPipeImpersonateClient::ConnectAndImpersonate";
+    // A reused object starts afresh: an earlier impersonation ends here, so
+    // that a failure below leaves nothing to send the ready byte with.
+    m_pAccessToken.reset();
+    m_impersonation.reset();
     if (!DoesPipeExist(timeoutMs, stepMs))
     {
         const DWORD error = ::GetLastError();
@@ -101,11 +130,9 @@ BOOL CPipeImpersonateClient::DoesPipeExist(int timeoutMs, int stepMs)
     long long elapsed = 0;
     int attempts = 0;
     int result = 0;
-    DWORD error = ERROR_SUCCESS;
     do
     {
         result = pipeExists(pipeName);
-        error = ::GetLastError();
         ++attempts;
         if (result == 0)
         {
@@ -118,8 +145,8 @@ BOOL CPipeImpersonateClient::DoesPipeExist(int timeoutMs, int stepMs)
     QXLOG_INFO(function, L"Waited [{}]ms (timeout is set to [{}]ms) after [{}] attempts\n", elapsed, timeoutMs,
                attempts);
     QXLOG_INFO(function, L"Does Pipe exist - returning {}", result != 0 ? L"SUCCESS" : L"FAILED");
-    // The callable's own error explains a failure.
-    ::SetLastError(result != 0 ? ERROR_SUCCESS : (error != ERROR_SUCCESS ? error : WAIT_TIMEOUT));
+    // A callable answering 0 promises no error of its own: the wait's is reported.
+    ::SetLastError(result != 0 ? ERROR_SUCCESS : WAIT_TIMEOUT);
     return result;
 }
 
@@ -131,18 +158,44 @@ BOOL CPipeImpersonateClient::Impersonate()
         QXLOG_ERROR(function, L"m_hUserToken == NULL\n");
         return Detail::FailWith(ERROR_INVALID_HANDLE);
     }
-    m_pAccessToken = DuplicateTokenHandle(m_hUserToken, function);
-    if (!m_pAccessToken)
-        return FALSE;
-    if (!m_pAccessToken->Impersonate())
+    auto impersonation = std::make_unique<Impersonation>();
+    // Ends the attempt; a thread that did not change is left alone.
+    auto fail = [&](DWORD error, bool threadChanged) {
+        if (!threadChanged)
+            impersonation->previous.SetImpersonationOccurred(0);
+        impersonation.reset();
+        return Detail::FailWith(error);
+    };
+    if (const DWORD error = impersonation->previous.GetCaptureError(); error != ERROR_SUCCESS)
+    {
+        // What the thread acts as could not be put back afterwards.
+        QXLOG_ERROR(function, L"Cannot save the thread's impersonation. Error: {}\n", error);
+        return fail(error, false);
+    }
+    HANDLE duplicate = nullptr;
+    if (!::DuplicateHandle(::GetCurrentProcess(), m_hUserToken, ::GetCurrentProcess(), &duplicate, 0, TRUE,
+                           DUPLICATE_SAME_ACCESS))
+    {
+        const DWORD error = ::GetLastError();
+        QXLOG_ERROR(function, L"Failed to DuplicateHandle - error {}\n", error);
+        return fail(error, false);
+    }
+    auto token = std::make_unique<ATL::CAccessToken>();
+    token->Attach(duplicate);
+    if (!token->Impersonate())
     {
         const DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"Could not impersonate. Error: {}\n", error);
-        // Without the impersonation the pipe must not be opened as this
-        // process: SendReadyMessage refuses a client without a token.
-        m_pAccessToken.reset();
-        return Detail::FailWith(error);
+        return fail(error, false);
     }
+    // What the thread impersonates from here on is what the ready byte may go out as.
+    if (const DWORD error = ThreadTokenId(impersonation->tokenId); error != ERROR_SUCCESS)
+    {
+        QXLOG_ERROR(function, L"Could not impersonate. Error: {}\n", error);
+        return fail(error, true);
+    }
+    m_pAccessToken = std::move(token);
+    m_impersonation = std::move(impersonation);
     QXLOG_INFO(function, L"Impersonate - Success\n");
     return TRUE;
 }
@@ -155,6 +208,13 @@ BOOL CPipeImpersonateClient::SendReadyMessage()
         QXLOG_ERROR(function, L"The AccesssToken is NULL - Impersonation was not successful\n");
         return Detail::FailWith(ERROR_INVALID_HANDLE);
     }
+    // The server takes whoever opens the pipe: never this process, nor an
+    // identity the caller put on the thread since.
+    if (!m_impersonation->Current())
+    {
+        QXLOG_ERROR(function, L"The thread does not impersonate the user's token - not connecting\n");
+        return Detail::FailWith(ERROR_NO_IMPERSONATION_TOKEN);
+    }
     HANDLE opened = ::CreateFileW(pipeName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                   PipeOpenFlags, nullptr);
     if (opened == INVALID_HANDLE_VALUE)
@@ -164,9 +224,9 @@ BOOL CPipeImpersonateClient::SendReadyMessage()
         return Detail::FailWith(error);
     }
     ATL::CHandle pipe(opened);
-    const BYTE message = ReadyMessage;
+    BYTE message = ReadyMessage;
     DWORD written = 0;
-    if (!::WriteFile(pipe, &message, 1, &written, nullptr))
+    if (!Detail::TransferByte(pipe, message, true, written, Detail::PipeWaitMs))
     {
         const DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"Could not write to pipe {}. Error: {}\n", pipeName, error);
@@ -196,7 +256,7 @@ void CPipeImpersonateClient::WaitForCloseMessage(const ATL::CHandle& pipe)
     if (!returned && error == ERROR_IO_PENDING)
     {
         QXLOG_INFO(function, L"Waiting for overlapped IO event...\n");
-        const DWORD waited = ::WaitForSingleObject(event, CloseWaitMs);
+        const DWORD waited = ::WaitForSingleObject(event, Detail::PipeWaitMs);
         if (waited == WAIT_OBJECT_0)
             QXLOG_INFO(function, L"Event was signalled\n");
         else
@@ -204,8 +264,7 @@ void CPipeImpersonateClient::WaitForCloseMessage(const ATL::CHandle& pipe)
             QXLOG_ERROR(function, L"WaitForSingleObject failed. Wait result: {}, Error: {}\n", waited,
                         ::GetLastError());
             // The read must be over before its buffer and OVERLAPPED go.
-            if (::CancelIoEx(pipe, &overlapped) || ::GetLastError() != ERROR_NOT_FOUND)
-                ::GetOverlappedResult(pipe, &overlapped, &read, TRUE);
+            Detail::CancelPending(pipe, overlapped);
         }
     }
     else if (!returned)
@@ -222,9 +281,19 @@ BOOL CPipeImpersonateClient::RevertToSelf()
         QXLOG_ERROR(function, L"m_pAccessToken == NULL\n");
         return Detail::FailWith(ERROR_INVALID_HANDLE);
     }
-    if (!m_pAccessToken->Revert())
+    if (m_impersonation->thread != ::GetCurrentThreadId())
     {
-        const DWORD error = ::GetLastError();
+        // This thread impersonates nothing of this object's: it stays as it is.
+        QXLOG_ERROR(function, L"Could not revert to self. Error: {}\n", ERROR_INVALID_THREAD_ID);
+        return Detail::FailWith(ERROR_INVALID_THREAD_ID);
+    }
+    const BOOL reverted = m_pAccessToken->Revert();
+    const DWORD error = reverted ? ERROR_SUCCESS : ::GetLastError();
+    // Whatever the revert did, the thread goes back to what it was before.
+    m_pAccessToken.reset();
+    m_impersonation.reset();
+    if (!reverted)
+    {
         QXLOG_ERROR(function, L"Could not revert to self. Error: {}\n", error);
         return Detail::FailWith(error);
     }

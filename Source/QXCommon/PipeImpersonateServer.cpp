@@ -1,9 +1,10 @@
-// The server side of the identity hand-over: one message-mode pipe instance,
-// an overlapped connect bounded by 5000 ms, the ready byte in, the client
-// impersonated, the close byte out.
+// The server side of the identity hand-over: one message-mode pipe instance
+// for local clients only, a connect and a ready byte each awaited at most
+// 5000 ms, the client impersonated, the close byte out.
 
 #include "QXCommon/PipeImpersonateServer.h"
 
+#include "PipeDetail.h"
 #include "QXLog.h"
 #include "TokenDetail.h"
 
@@ -11,35 +12,25 @@ namespace QXCommon
 {
 namespace
 {
+// WRITE_OWNER is the bit of FILE_FLAG_FIRST_PIPE_INSTANCE: the system refuses
+// the pipe when an instance of that name exists already.
 constexpr DWORD PipeOpenMode = PIPE_ACCESS_DUPLEX | WRITE_OWNER | FILE_FLAG_OVERLAPPED; // 0x40080003
-constexpr DWORD PipeMode = PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT;      // 6
+// A client on another machine would hand over a network logon: refused.
+constexpr DWORD PipeMode = PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS; // 0xE
 constexpr DWORD PipeBufferSize = 32;
-constexpr DWORD ConnectTimeoutMs = 5000;
 constexpr BYTE ReadyMessage = 1;
 constexpr BYTE CloseMessage = 2;
 
-// Ends an overlapped operation that is still pending, so that the system no
-// longer writes to its OVERLAPPED once it goes out of scope.
-void CancelPending(HANDLE file, OVERLAPPED& overlapped)
+// The error for a pipe whose name already had an instance before this one
+// was made (another process's, which could take this server's clients), as
+// the system gives it for FILE_FLAG_FIRST_PIPE_INSTANCE; 0 when this instance
+// is the only one.
+DWORD OtherInstancesError(HANDLE pipe)
 {
-    DWORD transferred = 0;
-    if (::CancelIoEx(file, &overlapped) || ::GetLastError() != ERROR_NOT_FOUND)
-        ::GetOverlappedResult(file, &overlapped, &transferred, TRUE);
-}
-
-// Reads or writes one byte on the overlapped pipe handle and waits for it
-// here, so that the transfer is synchronous for the caller and its completion
-// is reported reliably. The system error of a failure stays in GetLastError.
-BOOL TransferByte(HANDLE pipe, BYTE& byte, bool write, DWORD& transferred)
-{
-    ATL::CHandle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    OVERLAPPED overlapped = {};
-    overlapped.hEvent = event;
-    BOOL success = write ? ::WriteFile(pipe, &byte, 1, &transferred, &overlapped)
-                         : ::ReadFile(pipe, &byte, 1, &transferred, &overlapped);
-    if (!success && ::GetLastError() == ERROR_IO_PENDING)
-        success = ::GetOverlappedResult(pipe, &overlapped, &transferred, TRUE);
-    return success ? TRUE : Detail::FailWith(::GetLastError());
+    DWORD instances = 0;
+    if (!::GetNamedPipeHandleStateW(pipe, nullptr, &instances, nullptr, nullptr, nullptr, 0))
+        return ::GetLastError();
+    return instances == 1 ? ERROR_SUCCESS : static_cast<DWORD>(ERROR_ACCESS_DENIED);
 }
 } // namespace
 
@@ -79,13 +70,15 @@ BOOL CPipeImpersonateServer::CreatePipeAndGetMessage()
     QXLOG_INFO(function, L"Create named pipe {}.\n", pipeName);
     HANDLE created = ::CreateNamedPipeW(pipeName.c_str(), PipeOpenMode, PipeMode, 1, PipeBufferSize, PipeBufferSize, 0,
                                         &attributes);
-    if (created == INVALID_HANDLE_VALUE)
+    ATL::CHandle instance(created != INVALID_HANDLE_VALUE ? created : nullptr);
+    // Where the system lets a first-instance pipe join a name made by
+    // someone else, the instance is refused here as it would have been there.
+    if (const DWORD error = instance != nullptr ? OtherInstancesError(instance) : ::GetLastError())
     {
-        const DWORD error = ::GetLastError();
         QXLOG_ERROR(function, L"Could not create pipe {}. Error: {}\n", pipeName, error);
         return Detail::FailWith(error);
     }
-    pipe.Attach(created);
+    pipe.Attach(instance.Detach());
 
     // From here on a failure leaves no instance behind.
     DWORD error = ERROR_SUCCESS;
@@ -112,14 +105,14 @@ BOOL CPipeImpersonateServer::CreatePipeAndGetMessage()
                 connected = true;
             else if (error == ERROR_IO_PENDING)
             {
-                if (::WaitForSingleObject(connectEvent, ConnectTimeoutMs) == WAIT_OBJECT_0)
+                if (::WaitForSingleObject(connectEvent, Detail::PipeWaitMs) == WAIT_OBJECT_0)
                 {
                     QXLOG_INFO(function, L"Waiting for pipe - returned success\n");
                     connected = true;
                 }
                 else
                 {
-                    CancelPending(pipe, overlapped);
+                    Detail::CancelPending(pipe, overlapped);
                     error = WAIT_TIMEOUT;
                     QXLOG_ERROR(function, L"Waiting for pipe - timed out\n");
                 }
@@ -136,9 +129,11 @@ BOOL CPipeImpersonateServer::CreatePipeAndGetMessage()
 
     if (connected)
     {
+        // A client that connects and says nothing is given as long as one
+        // that does not connect.
         BYTE message = 0;
         DWORD read = 0;
-        const BOOL success = TransferByte(pipe, message, false, read);
+        const BOOL success = Detail::TransferByte(pipe, message, false, read, Detail::PipeWaitMs);
         error = success ? ERROR_SUCCESS : ::GetLastError();
         if (success && read == 1 && message == ReadyMessage)
             return TRUE;
@@ -185,7 +180,7 @@ void CPipeImpersonateServer::SendCloseMessage()
 {
     BYTE message = CloseMessage;
     DWORD written = 0;
-    if (!TransferByte(pipe, message, true, written))
+    if (!Detail::TransferByte(pipe, message, true, written, Detail::PipeWaitMs))
         QXLOG_ERROR("QXCommon::CPipeImpersonateServer::SendCloseMessage", L"WriteFile failed. Error: {}\n",
                     ::GetLastError());
 }

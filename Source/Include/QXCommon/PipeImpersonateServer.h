@@ -7,10 +7,12 @@
 // process boundary.
 //
 // The pipe is message-mode, one instance, 32-byte buffers, with a null DACL so
-// that any user's process can connect. The exchange is two one-byte messages:
-// the client writes 1 (ready) while impersonating; the server reads it,
-// impersonates the client and answers 2 (close). The server waits at most
-// 5000 ms for a client to connect. One object serves one exchange.
+// that any user's process can connect, and refuses clients on other machines.
+// A name that already has an instance (someone else made it first) is
+// refused. The exchange is two one-byte messages: the client writes 1 (ready)
+// while impersonating; the server reads it, impersonates the client and
+// answers 2 (close). The server waits at most 5000 ms for a client to connect
+// and as long again for its first message. One object serves one exchange.
 //
 // Impersonation is per thread: make, use and destroy the object on one thread.
 // Destroying it closes the pipe, then puts the thread back to what it
@@ -43,8 +45,9 @@ public:
     // Creates the pipe, waits for the client's ready byte, impersonates the
     // client on the calling thread and answers with the close byte. False
     // (logged) when the pipe cannot be made, no client connects within
-    // 5000 ms, the first message is not the single byte 1, or the client
-    // cannot be impersonated.
+    // 5000 ms, the first message is not the single byte 1 or does not come
+    // within 5000 ms, or the client cannot be impersonated. Once the first
+    // message has failed, the pipe instance is gone.
     bool ConnectAndImpersonate();
 
     // Replaces token's handle with a primary token (MAXIMUM_ALLOWED) made
