@@ -26,6 +26,15 @@ std::wstring Joined(const std::vector<std::wstring>& items, const wchar_t* separ
 }
 
 // The text and at least two blanks, to the column's width.
+// "create a file in the folder (FILE_ADD_FILE), or write the program (FILE_WRITE_DATA)".
+std::wstring RightsText(const std::vector<WriteRight>& rights)
+{
+    std::vector<std::wstring> texts;
+    for (const WriteRight& right : rights)
+        texts.push_back(std::wstring(right.what) + L" (" + right.name + L")");
+    return Joined(texts, L", or ");
+}
+
 std::wstring Padded(const std::wstring& text, size_t width)
 {
     return text + std::wstring(text.size() + 2 < width ? width - text.size() : 2, L' ');
@@ -159,7 +168,9 @@ void Audit::Add(const Input& input, Answer& answer)
             m_accessFailed = true;
         }
         for (const WriteRight& right : found.rights)
-            location->rights.insert(std::wstring(right.name) + L" (" + right.what + L")");
+            if (std::none_of(location->rights.begin(), location->rights.end(),
+                             [&](const WriteRight& known) { return known.bit == right.bit && known.onFolder == right.onFolder; }))
+                location->rights.push_back(right);
     }
 }
 
@@ -177,7 +188,6 @@ std::wstring Audit::AccessNote() const
 
 void Audit::Report(Format format, const std::wstring& readError)
 {
-    const BoundRules& bound = m_run.Bound(0);
     std::vector<size_t> dead, redundant, writable, uncertain;
     for (size_t k = 0; k < m_perRule.size(); ++k)
     {
@@ -213,8 +223,8 @@ void Audit::Report(Format format, const std::wstring& readError)
             for (const Location& location : counts.writable)
             {
                 Json rights = Json::MakeArray();
-                for (const std::wstring& right : location.rights)
-                    rights.Push(right.substr(0, right.find(L' ')));
+                for (const WriteRight& right : location.rights)
+                    rights.Push(right.name);
                 Json entry = Json::MakeObject()
                                  .Set(L"folder", location.folder)
                                  .Set(L"rights", std::move(rights))
@@ -308,9 +318,7 @@ void Audit::Report(Format format, const std::wstring& readError)
                     location.example + L")" +
                     (location.error != ERROR_SUCCESS
                          ? L", whose permissions cannot be read: " + Win32Text(location.error)
-                         : L", where a standard user may " +
-                               Joined(std::vector<std::wstring>(location.rights.begin(), location.rights.end()),
-                                      L", or ")) +
+                         : L", where a standard user may " + RightsText(location.rights)) +
                     L"\n";
     for (size_t k : uncertain)
         text += L"  could not tell: " + RuleName(m_rules.rules[k]) + L" allows none of the programs it answered for, "

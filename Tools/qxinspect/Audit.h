@@ -61,7 +61,7 @@ private:
     struct Location
     {
         std::wstring folder, example;
-        std::set<std::wstring> rights;
+        std::vector<WriteRight> rights; // each once
         size_t programs = 0;
         DWORD error = ERROR_SUCCESS;
     };

@@ -60,6 +60,31 @@ bool NamesDevice(const std::wstring& path)
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlIsDosDeviceName_U")));
     return isDosDeviceName != nullptr && isDosDeviceName(path.c_str()) != 0;
 }
+// The path the handle leads to; where the file system cannot tell, the
+// full path of the name it was opened by.
+std::wstring FinalPath(HANDLE handle, const std::wstring& name)
+{
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD length = GetFinalPathNameByHandleW(handle, path.data(), MAX_PATH, FILE_NAME_NORMALIZED);
+    if (length >= MAX_PATH)
+    {
+        path.resize(length);
+        length = GetFinalPathNameByHandleW(handle, path.data(), length, FILE_NAME_NORMALIZED);
+    }
+    if (length == 0 || length >= path.size())
+    {
+        length = GetFullPathNameW(name.c_str(), static_cast<DWORD>(path.size()), path.data(), nullptr);
+        if (length >= path.size())
+        {
+            path.resize(length);
+            length = GetFullPathNameW(name.c_str(), length, path.data(), nullptr);
+        }
+        if (length == 0 || length >= path.size())
+            return name;
+    }
+    path.resize(length);
+    return path;
+}
 } // namespace
 
 std::wstring PlainPath(const std::wstring& path)
@@ -114,18 +139,9 @@ FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file, FileIde
     if (identity != nullptr)
     {
         FILE_BASIC_INFO basic = {};
-        std::wstring final(MAX_PATH, L'\0');
-        DWORD length = GetFinalPathNameByHandleW(handle, final.data(), MAX_PATH, FILE_NAME_NORMALIZED);
-        if (length >= MAX_PATH)
-        {
-            final.resize(length);
-            length = GetFinalPathNameByHandleW(handle, final.data(), length, FILE_NAME_NORMALIZED);
-        }
-        if (length == 0 || length >= final.size() ||
-            !GetFileInformationByHandleEx(handle, FileBasicInfo, &basic, sizeof(basic)))
-            return SystemError(GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE);
-        final.resize(length);
-        *identity = FileIdentity{std::move(final), static_cast<ULONGLONG>(info.EndOfFile.QuadPart),
+        if (!GetFileInformationByHandleEx(handle, FileBasicInfo, &basic, sizeof(basic)))
+            return SystemError(GetLastError());
+        *identity = FileIdentity{FinalPath(handle, plain), static_cast<ULONGLONG>(info.EndOfFile.QuadPart),
                                  basic.LastWriteTime.QuadPart};
     }
     file.Attach(handle.Detach());
