@@ -6,9 +6,11 @@
 // and serial number, match with the meaning of each kind, and every
 // command's --json document against qxinspect.schema.json.
 
+#include "Access.h"
 #include "CertificateFixtures.h"
 #include "JsonDocument.h"
 #include "QXTestSupport.h"
+#include "Stream.h"
 
 #include "QXCommon/ProcessIDAndCreateTime.h"
 #include "QXCommon/QXCommonFunctions.h"
@@ -17,8 +19,16 @@
 #include <atlbase.h>
 #include <gtest/gtest.h>
 
+#include <aclapi.h>
+#include <sddl.h>
+
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace
@@ -47,8 +57,45 @@ struct Result
 {
     DWORD exitCode = 0xFFFFFFFF;
     std::string out, err;
-    JsonValue doc; // --json runs: the one document on standard output
+    JsonValue doc;                  // --json runs: the one document on standard output (JSON Lines: the summary)
+    std::vector<JsonValue> records; // JSON Lines: every record before the summary
 };
+
+// A document of a --json run follows the schema: the one its command (or
+// error) names, and exactly one of them.
+void ExpectSchema(const JsonValue& doc, const std::wstring& arguments, const std::string& text)
+{
+    std::string name = doc.Has("error") ? "errorDocument" : doc["command"].text;
+    if (doc.Has("record"))
+        name += std::string(1, static_cast<char>(::toupper(doc["record"].text[0]))) + doc["record"].text.substr(1);
+    for (const std::string& broken : QXTest::SchemaBreaks(doc, Schema(), name))
+        ADD_FAILURE() << Narrow(arguments) << ": " << broken << "\n" << text;
+    EXPECT_TRUE(QXTest::SchemaBreaks(doc, Schema()).empty()) << "not one of the schema's documents";
+}
+
+// The one document of a --json run, or its JSON Lines (a record a line, the
+// summary last), every one checked against the schema.
+void ReadDocuments(Result& run, const std::wstring& arguments)
+{
+    std::string error;
+    if (run.out.empty() || run.out.compare(0, 2, "{\n") == 0)
+    {
+        EXPECT_TRUE(QXTest::ParseJson(run.out, run.doc, error)) << error << "\n" << run.out << run.err;
+        ExpectSchema(run.doc, arguments, run.out);
+        return;
+    }
+    for (size_t at = 0; at < run.out.size();)
+    {
+        const size_t end = std::min(run.out.find('\n', at), run.out.size());
+        JsonValue& record = run.records.emplace_back();
+        EXPECT_TRUE(QXTest::ParseJson(run.out.substr(at, end - at), record, error)) << error << "\n" << run.out;
+        ExpectSchema(record, arguments, run.out.substr(at, end - at));
+        at = end + 1;
+    }
+    run.doc = run.records.back();
+    run.records.pop_back();
+    EXPECT_EQ("summary", run.doc["record"].text) << run.out;
+}
 
 // Runs qxinspect with standard output and error apart (into files that go
 // with their handles, or stdout into the handle given), bounded by a minute.
@@ -94,14 +141,7 @@ Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
             text->append(buffer, got);
     }
     if (arguments.compare(0, 6, L"--json") == 0 && stdOut == nullptr)
-    {
-        std::string error;
-        EXPECT_TRUE(QXTest::ParseJson(run.out, run.doc, error)) << error << "\n" << run.out << run.err;
-        const std::string name = run.doc.Has("error") ? "errorDocument" : run.doc["command"].text;
-        for (const std::string& broken : QXTest::SchemaBreaks(run.doc, Schema(), name))
-            ADD_FAILURE() << Narrow(arguments) << ": " << broken << "\n" << run.out;
-        EXPECT_TRUE(QXTest::SchemaBreaks(run.doc, Schema()).empty()) << "not one of the schema's documents";
-    }
+        ReadDocuments(run, arguments);
     return run;
 }
 
@@ -136,6 +176,12 @@ std::string Hash(SignatureAlgorithm algorithm, const std::wstring& path)
 {
     SignatureAlgorithmStrategy::Get()->SetSignatureAlgorithm(algorithm);
     return Narrow(QXCommonFunctions::GenerateFileHash(path));
+}
+
+std::string ReadText(const std::wstring& path)
+{
+    const std::vector<BYTE> bytes = QXTest::Certs::ReadBytes(path);
+    return std::string(bytes.begin(), bytes.end());
 }
 
 std::string Base64(const std::vector<BYTE>& bytes)
@@ -196,9 +242,30 @@ protected:
                                         "[exact path] path " + Narrow(signedExe) + "\n");
     }
 
+    // A tree of programs (copies of the unsigned fixture) and a rule set for
+    // it: a rule for one program, one for a folder and all below it, one
+    // that only repeats it (redundant), one that allows nothing (dead), one
+    // for the folder "open"; apps\\other\\five.exe no rule allows.
+    std::wstring MakeTree()
+    {
+        tree = dir.MakeDir(L"tree");
+        for (const wchar_t* folder : {L"tree\\apps", L"tree\\apps\\a", L"tree\\apps\\b", L"tree\\apps\\b\\sub",
+                                      L"tree\\apps\\other", L"tree\\open"})
+            dir.MakeDir(folder);
+        for (const wchar_t* program : {L"apps\\a\\one.exe", L"apps\\b\\two.exe", L"apps\\b\\sub\\three.exe",
+                                       L"apps\\other\\five.exe", L"open\\four.exe"})
+            EXPECT_TRUE(CopyFileW(unsignedExe.c_str(), (tree + L"\\" + program).c_str(), FALSE));
+        const std::string root = Narrow(tree);
+        return dir.Write(L"tree.txt", "[one] path " + root + "\\apps\\a\\one.exe\n"
+                                      "[b] subfolders " + root + "\\apps\\b\n"
+                                      "[dup] name two.exe\n"
+                                      "[dead] name nothing.exe\n"
+                                      "[open] folder " + root + "\\open\n");
+    }
+
     QXTest::Certs::TestRootTrust trust;
     QXTest::TempDir dir;
-    std::wstring signedExe, unsignedExe, rules;
+    std::wstring signedExe, unsignedExe, rules, tree;
     std::string sha1, sha256, adler32;
 };
 
@@ -231,7 +298,7 @@ TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
         {Quoted(missing), 3, {{"by name", "no match"}, {"sha1", noFile}, {"signer", noFile}},
          Narrow(QXCommonFunctions::ErrorMessageFromCode(ERROR_FILE_NOT_FOUND))},
         {L"NUL", 3, {{"sha1", noFile}, {"adler", noFile}, {"signer", noFile}}, "a device"},
-        {Quoted(dir.Path()), 3, {{"sha256", noFile}, {"signer", noFile}}, "a folder"},
+        {L"--cmdline " + Quoted(L"\\\"" + dir.Path() + L"\\\""), 3, {{"sha256", noFile}, {"signer", noFile}}, "a folder"},
         {Quoted(big), 3, {{"sha1", noFile}, {"signer", noFile}}, "4 GiB or more"},
         {L"--cmdline " + Quoted(L"\\\"" + signedExe + L"\\\" /x win.ini"), 0, {{"by name", "match"}}, ""},
         {L"--cmdline " + Quoted(L"\\\"" + signedExe), 3, {{"by name", noFile}, {"sha1", noFile}}, "names no program"},
@@ -329,8 +396,10 @@ TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
              {L"--rules " + Quoted(dir.Path()) + L" x.exe", "a folder"},
              {L"--rules NUL x.exe", "a device"},
              {Quoted(signedExe), "check needs --rules FILE (see qxinspect help check)"},
-             {L"--rules " + Quoted(rules), "one PATH or --cmdline LINE"},
-             {L"--rules " + Quoted(rules) + L" --cmdline x.exe " + Quoted(signedExe), "not both"},
+             {L"--rules " + Quoted(rules), "a PATH, --cmdline LINE or --from FILE"},
+             {L"--rules " + Quoted(rules) + L" --cmdline x.exe " + Quoted(signedExe), "no PATH, --from or --csv"},
+             {L"--rules " + Quoted(rules) + L" --from " + Quoted(dir.File(L"none.txt")), "--from "},
+             {L"--rules " + Quoted(rules) + L" --from NUL", "a device"},
              {L"--rules " + Quoted(rules) + L" --pid x a.exe", "--pid needs"}})
     {
         const Result refused = Inspect(L"--json check " + arguments);
@@ -459,6 +528,8 @@ TEST_F(Check, MatchMeansWhatEachKindMeans)
          "%NoSuchVariable% is not in the environment table"},
         {L"--kind regex C:\\x\\a.exe [a", 2, "", "", "error 4 (error_brack): mismatched brackets"},
         {L"--kind sha1 C:\\x\\a.exe abc", 2, "", "", "unknown --kind sha1"},
+        // A match that runs out of the matcher's budget is no answer, not "no match".
+        {L"--kind regex C:\\" + std::wstring(40, L'a') + L".exe ^(.|.)*\\1!x", 3, "", "", "step budget"},
     };
     for (const auto& c : cases)
     {
@@ -466,7 +537,7 @@ TEST_F(Check, MatchMeansWhatEachKindMeans)
         const Result run = Inspect(L"--json match " + c.arguments);
         EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
         EXPECT_NE(std::string::npos, run.err.find(c.fragment)) << run.err;
-        if (c.exitCode == 2)
+        if (c.exitCode >= 2)
             continue;
         EXPECT_EQ(c.kind, run.doc["kind"].text);
         EXPECT_EQ(c.arguments.compare(0, 6, L"--kind") != 0, run.doc["automatic"].boolean);
@@ -512,30 +583,30 @@ TEST_F(Check, FileInfoAnswersAlikeOnOneAndOnSeveralThreads)
     const std::wstring files = Quoted(dir.Path()) + L" " + Quoted(dir.File(L"missing.exe")) +
                                L" C:\\windows\\system32\\notepad.exe NUL " + Quoted(signedExe);
     std::string first;
-    JsonValue doc;
+    Result kept;
     for (int threads : {1, 3, 64})
     {
         SCOPED_TRACE(threads);
         Result run = Inspect(L"--json fileinfo --ignore 0xF00 --threads " + std::to_wstring(threads) + L" " + files);
         EXPECT_EQ(3u, run.exitCode) << run.out;
-        const std::string count = "\"threads\": " + std::to_string(threads);
+        const std::string count = "\"threads\":" + std::to_string(threads);
         ASSERT_NE(std::string::npos, run.out.find(count)) << run.out;
-        run.out.replace(run.out.find(count), count.size(), "\"threads\": N");
+        run.out.replace(run.out.find(count), count.size(), "\"threads\":N");
         if (first.empty())
-            first = run.out, doc = run.doc;
+            first = run.out, kept = run;
         EXPECT_EQ(first, run.out);
     }
     // The folder gives its files by name; every answer is where its file is.
     std::vector<std::string> order;
-    for (const JsonValue& file : doc["files"].items)
-        order.push_back(file["path"].text);
+    for (const JsonValue& record : kept.records)
+        order.push_back(record["file"]["path"].text);
     std::vector<std::string> expected;
     for (const wchar_t* name : {L"forged.cer", L"rules.txt", L"signed.exe", L"signer.cer", L"signer.pem",
                                 L"unsigned.exe", L"untrusted.cer", L"missing.exe"})
         expected.push_back(Narrow(dir.File(name)));
     expected.insert(expected.end(), {"C:\\windows\\system32\\notepad.exe", "NUL", Narrow(signedExe)});
     EXPECT_EQ(expected, order);
-    const JsonValue& signedInfo = doc["files"][10];
+    const JsonValue& signedInfo = kept.records[10]["file"];
     EXPECT_EQ(sha1, signedInfo["sha1"].text);
     EXPECT_EQ(sha256, signedInfo["sha256"].text);
     EXPECT_EQ(adler32, signedInfo["adler32"].text);
@@ -543,8 +614,16 @@ TEST_F(Check, FileInfoAnswersAlikeOnOneAndOnSeveralThreads)
     EXPECT_EQ("2045-12-31T23:59:59Z", signedInfo["signature"]["signer"]["expires"].text);
     EXPECT_EQ("1", signedInfo["certificateTableEntries"].Str());
     EXPECT_TRUE(signedInfo["owner"].Has("sid"));
-    EXPECT_EQ("2", doc["files"][7]["error"].Str());
-    EXPECT_NE(std::string::npos, doc["files"][9]["reason"].text.find("a device"));
+    EXPECT_EQ("2", kept.records[7]["file"]["error"].Str());
+    EXPECT_NE(std::string::npos, kept.records[9]["file"]["reason"].text.find("a device"));
+    EXPECT_EQ("9 2", kept.doc["answered"].Str() + " " + kept.doc["couldNotAnswer"].Str());
+    // For a spreadsheet: a row per file under a header, the summary beside it on stderr.
+    const Result csv = Inspect(L"fileinfo --csv --ignore 0xF00 " + files);
+    EXPECT_EQ(3u, csv.exitCode);
+    EXPECT_EQ(12, std::count(csv.out.begin(), csv.out.end(), '\n')) << csv.out;
+    EXPECT_EQ(0u, csv.out.find("path,isNTExe,sha1,sha256,adler32,signature,verified,")) << csv.out;
+    EXPECT_NE(std::string::npos, csv.out.find(Narrow(signedExe) + ",yes," + sha1 + "," + sha256)) << csv.out;
+    EXPECT_NE(std::string::npos, csv.err.find("files: 11, answered: 9, could not answer: 2")) << csv.err;
     EXPECT_EQ(2u, Inspect(L"fileinfo --threads 65 " + Quoted(signedExe)).exitCode);
 }
 
@@ -586,6 +665,8 @@ TEST_F(Check, EveryCommandPrintsOneDocumentOfTheSchema)
         {L"check --rules " + Quoted(rules) + L" " + exe, 0, "check"},
         {L"check --rules NUL " + exe, 2, "input"},
         {L"hash " + exe, 3, "failed"}, // no algorithm is set
+        {L"diff --rules " + Quoted(rules) + L" " + exe, 2, "usage"},
+        {L"audit --rules " + Quoted(rules) + L" --from " + Quoted(dir.File(L"none.txt")), 2, "input"},
         {L"env --pid 0xFFFFFFF1", 3, "failed"},
         {L"", 2, "usage"},
         {L"bogus", 2, "usage"},
@@ -630,5 +711,308 @@ TEST_F(Check, ThePeoplesSide)
     run = Inspect(L"--json check --rules " + Quoted(rules) + L" " + Quoted(signedExe), writeEnd);
     EXPECT_EQ(3u, run.exitCode) << run.err;
     EXPECT_NE(std::string::npos, run.err.find("standard output could not be written")) << run.err;
+}
+// The results of a rules audit, by rule label.
+std::map<std::string, const JsonValue*> ByLabel(const JsonValue& list)
+{
+    std::map<std::string, const JsonValue*> labels;
+    for (const JsonValue& item : list.items)
+        labels[item["label"].text] = &item;
+    return labels;
+}
+
+TEST_F(Check, AuditFindsDeadRedundantAndBlocked)
+{
+    const std::wstring treeRules = MakeTree();
+    const Result run = Inspect(L"--json audit --recursive --rules " + Quoted(treeRules) + L" " + Quoted(tree));
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    const struct
+    {
+        const char* label;
+        const char* allows;
+        bool dead, redundant;
+        const char* coveredBy;
+    } expected[] = {
+        {"one", "1", false, false, ""},  {"b", "2", false, false, ""},      {"dup", "1", false, true, "b"},
+        {"dead", "0", true, false, ""}, {"open", "1", false, false, ""},
+    };
+    auto results = ByLabel(run.doc["results"]);
+    for (const auto& rule : expected)
+    {
+        SCOPED_TRACE(rule.label);
+        ASSERT_TRUE(results.count(rule.label)) << run.out;
+        const JsonValue& result = *results[rule.label];
+        EXPECT_EQ(rule.allows, result["allows"].Str());
+        EXPECT_EQ(rule.dead, result["dead"].boolean);
+        EXPECT_EQ(rule.redundant, result["redundant"].boolean);
+        EXPECT_EQ(rule.coveredBy, result["coveredBy"][0]["label"].text);
+    }
+    EXPECT_EQ(Narrow(tree) + "\\apps\\b\\sub\\three.exe", (*results["b"])["examples"][1].text);
+    ASSERT_EQ(1u, run.doc["blocked"].items.size()) << run.out;
+    EXPECT_EQ(Narrow(tree) + "\\apps\\other\\five.exe", run.doc["blocked"][0].text);
+    EXPECT_EQ("5 4 1 0", run.doc["programs"]["total"].Str() + " " + run.doc["programs"]["allowed"].Str() + " " +
+                             run.doc["programs"]["blocked"].Str() + " " + run.doc["programs"]["couldNotAnswer"].Str());
+    // People read the same findings; where the platform keeps no permissions
+    // on disk files the report says so, once.
+    const Result text = Inspect(L"audit --recursive --rules " + Quoted(treeRules) + L" " + Quoted(tree));
+    for (const char* finding : {"dead:       line 4 [dead] allows none of the 5 programs",
+                                "redundant:  line 3 [dup]: every program it allows (1) is also allowed by line 2 [b]"})
+        EXPECT_NE(std::string::npos, text.out.find(finding)) << text.out;
+    size_t notes = 0;
+    for (size_t at = text.out.find("keeps no permissions"); at != std::string::npos;
+         at = text.out.find("keeps no permissions", at + 1))
+        ++notes;
+    EXPECT_EQ(QXTest::Certs::OnWine() ? 1u : 0u, notes) << text.out;
+    EXPECT_EQ(QXTest::Certs::OnWine(), !run.doc["accessChecked"].boolean);
+}
+
+TEST_F(Check, AuditFindsTheFolderAStandardUserMayWrite)
+{
+    if (QXTest::Certs::OnWine())
+        GTEST_SKIP() << "Wine keeps no permissions on disk files: every descriptor it reports grants its one user "
+                        "everything (the decision is shown on descriptors the tests build)";
+    const std::wstring treeRules = MakeTree();
+    // Only Administrators and SYSTEM may write the tree; everyone may create files in "open".
+    auto protect = [](const std::wstring& path, const wchar_t* sddl) {
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &descriptor, nullptr));
+        BOOL present = FALSE, defaulted = FALSE;
+        PACL dacl = nullptr;
+        PSID owner = nullptr;
+        GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted);
+        GetSecurityDescriptorOwner(descriptor, &owner, &defaulted);
+        EXPECT_EQ(0u, SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT,
+                                            OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+                                                PROTECTED_DACL_SECURITY_INFORMATION,
+                                            owner, nullptr, dacl, nullptr));
+        LocalFree(descriptor);
+    };
+    protect(tree, L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;WD)");
+    protect(tree + L"\\open", L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;WD)(A;;0x2;;;WD)");
+    const Result run = Inspect(L"--json audit --recursive --rules " + Quoted(treeRules) + L" " + Quoted(tree));
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    auto results = ByLabel(run.doc["results"]);
+    for (const auto& [label, result] : results)
+        EXPECT_EQ(label == "open" ? 1u : 0u, (*result)["writable"].items.size()) << label << "\n" << run.out;
+    const JsonValue& open = (*results["open"])["writable"][0];
+    EXPECT_EQ(Narrow(tree) + "\\open\\", open["folder"].text);
+    EXPECT_EQ("FILE_ADD_FILE", open["rights"][0].text);
+}
+
+// The rights that count, decided on descriptors built here for the standard
+// user the tool makes of its own token (Administrators deny-only).
+TEST_F(Check, WriteRightsAreDecidedOnTheDescriptors)
+{
+    qxinspect::StandardUser user;
+    qxinspect::StandardUserOf(0, user);
+    ASSERT_EQ(0u, user.error);
+    const std::wstring readOnly = L"O:BAG:BAD:(A;;0x1200a9;;;WD)", self = L"O:" + QXTest::Widen(Narrow(user.user.sid));
+    const struct
+    {
+        std::wstring folder, file;
+        bool subfolders;
+        std::set<std::string> rights; // exactly these (with exact), or at least these
+        bool exact = true;
+    } cases[] = {
+        {readOnly, readOnly, true, {}},
+        // Administrators is deny-only for a standard user: what it grants does not count.
+        {L"O:BAG:BAD:(A;;FA;;;BA)", L"O:BAG:BAD:(A;;FA;;;BA)", true, {}},
+        {L"O:BAG:BAD:(A;;0x2;;;WD)", readOnly, false, {"FILE_ADD_FILE"}},
+        {L"O:BAG:BAD:(A;;0x40;;;BU)", readOnly, false, {"FILE_DELETE_CHILD"}},
+        // A new folder below counts only where the rule allows the folders below.
+        {L"O:BAG:BAD:(A;;0x4;;;AU)", readOnly, false, {}},
+        {L"O:BAG:BAD:(A;;0x4;;;AU)", readOnly, true, {"FILE_ADD_SUBDIRECTORY"}},
+        // On the file: writing, deleting, its permissions and owner; not appending or attributes.
+        {readOnly, L"O:BAG:BAD:(A;;0x2;;;WD)", false, {"FILE_WRITE_DATA"}},
+        {readOnly, L"O:BAG:BAD:(A;;0x114;;;WD)", true, {}},
+        {readOnly, L"O:BAG:BAD:(A;;SD;;;WD)", false, {"DELETE"}},
+        {readOnly, L"O:BAG:BAD:(A;;WD;;;WD)(A;;WO;;;WD)", false, {"WRITE_DAC", "WRITE_OWNER"}},
+        // No DACL: everyone may do everything.
+        {L"O:BAG:BA", L"O:BAG:BA", false,
+         {"FILE_ADD_FILE", "FILE_DELETE_CHILD", "FILE_WRITE_DATA", "DELETE", "WRITE_DAC", "WRITE_OWNER"}},
+        // The owner may always change the permissions.
+        {readOnly, self + L"G:BAD:(A;;0x1200a9;;;WD)", false, {"WRITE_DAC"}, false},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(Narrow(c.folder + L" / " + c.file) + (c.subfolders ? " (subfolders)" : ""));
+        PSECURITY_DESCRIPTOR folder = nullptr, file = nullptr;
+        ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.folder.c_str(), SDDL_REVISION_1, &folder, nullptr));
+        ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.file.c_str(), SDDL_REVISION_1, &file, nullptr));
+        std::vector<qxinspect::WriteRight> rights;
+        EXPECT_EQ(0u, qxinspect::WritableBy(user.token.GetHandle(), folder, file, c.subfolders, rights));
+        LocalFree(folder);
+        LocalFree(file);
+        std::set<std::string> names;
+        for (const auto& right : rights)
+            names.insert(Narrow(right.name));
+        if (c.exact)
+            EXPECT_EQ(c.rights, names);
+        else
+            EXPECT_TRUE(std::includes(names.begin(), names.end(), c.rights.begin(), c.rights.end()));
+    }
+}
+
+TEST_F(Check, DiffShowsTheProgramsOneRuleChanges)
+{
+    const std::wstring a = MakeTree();
+    std::string text = ReadText(a);
+    text.replace(text.find("[b] subfolders"), 14, "[b] folder");
+    const std::wstring b = dir.Write(L"tree-b.txt", text);
+    const Result run = Inspect(L"--json diff --recursive --rules " + Quoted(a) + L" --rules " + Quoted(b) + L" " +
+                               Quoted(tree));
+    EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
+    ASSERT_EQ(1u, run.records.size()) << run.out;
+    const JsonValue& change = run.records[0];
+    EXPECT_EQ(Narrow(tree) + "\\apps\\b\\sub\\three.exe", change["program"].text);
+    EXPECT_EQ("match no match", change["from"].text + " " + change["to"].text);
+    EXPECT_EQ("b", change["a"]["matches"][0]["label"].text);
+    EXPECT_TRUE(change["b"]["matches"].items.empty());
+    EXPECT_EQ("5 1 1", run.doc["programs"].Str() + " " + run.doc["changed"].Str() + " " +
+                           run.doc["changes"][0]["programs"].Str());
+    const Result same = Inspect(L"--json diff --recursive --rules " + Quoted(a) + L" --rules " + Quoted(a) + L" " +
+                                Quoted(tree));
+    EXPECT_EQ(0u, same.exitCode) << same.out << same.err;
+    EXPECT_TRUE(same.records.empty());
+}
+
+TEST_F(Check, CheckFromAnswersEveryLineInOrder)
+{
+    const std::wstring treeRules = MakeTree();
+    const std::string root = Narrow(tree);
+    // The regex runs out of the matcher's budget on any of these paths.
+    dir.Write(L"slow.txt", ReadText(treeRules) + "[slow] regex ^(.|.)*\\1!x\n");
+    const std::wstring lines = dir.Write(L"lines.txt", root + "\\apps\\a\\one.exe\r\n"
+                                                       "\"" + root + "\\apps\\b\\two.exe\" /x\n"
+                                                       "# a comment, then a blank line\n\n" +
+                                                       root + "\\apps\\other\\five.exe\n" +
+                                                       root + "\\apps\\a\\one.exe\n"
+                                                       "\"unterminated\n"
+                                                       "not \xC3\x28 UTF-8\n");
+    const std::wstring arguments = L"check --rules " + Quoted(dir.File(L"slow.txt")) + L" --from " + Quoted(lines);
+    const Result run = Inspect(L"--json " + arguments);
+    EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
+    const struct
+    {
+        const char* line;
+        const char* answer;
+        const char* reason; // in the reason
+    } expected[] = {
+        {"1", "match", ""}, {"2", "match", ""}, {"5", "could not answer", "step budget"}, {"6", "match", ""},
+        {"7", "could not answer", "names no program"}, {"8", "could not answer", "not UTF-8 text"},
+    };
+    ASSERT_EQ(std::size(expected), run.records.size()) << run.out;
+    for (size_t k = 0; k < std::size(expected); ++k)
+    {
+        const JsonValue& record = run.records[k];
+        EXPECT_EQ(std::to_string(k) + " " + expected[k].line + " " + expected[k].answer,
+                  record["index"].Str() + " " + record["line"].Str() + " " + record["answer"].text);
+        EXPECT_NE(std::string::npos, record["reason"].Str().find(expected[k].reason)) << record["reason"].Str();
+    }
+    EXPECT_EQ("b dup", run.records[1]["matches"][0]["label"].text + " " + run.records[1]["matches"][1]["label"].text);
+    // The repeated program's facts are the first line's.
+    EXPECT_EQ("6 3 0 3 1", run.doc["programs"].Str() + " " + run.doc["allowed"].Str() + " " +
+                               run.doc["notAllowed"].Str() + " " + run.doc["couldNotAnswer"].Str() + " " +
+                               run.doc["facts"]["reused"].Str());
+    const Result csv = Inspect(arguments + L" --csv");
+    EXPECT_EQ(3u, csv.exitCode);
+    EXPECT_EQ(0u, csv.out.find("line,input,program,isNTExe,answer,rules,reason\r\n")) << csv.out;
+    EXPECT_NE(std::string::npos, csv.out.find("2,\"\"\"" + root + "\\apps\\b\\two.exe\"\" /x\"," + root +
+                                              "\\apps\\b\\two.exe,yes,match,\"line 2 [b], line 3 [dup]\",\r\n"))
+        << csv.out;
+    EXPECT_NE(std::string::npos, csv.err.find("programs: 6, allowed: 3, not allowed: 0, could not answer: 3")) << csv.err;
+}
+
+// --from - reads standard input as it comes, and each answer is out as soon
+// as it is decided: the first line's answer is read before the last line is
+// written.
+TEST_F(Check, AnswersStreamBeforeTheInputEnds)
+{
+    const std::wstring treeRules = MakeTree();
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
+    ASSERT_TRUE(CreatePipe(&inRead, &inWrite, &inherit, 0) && CreatePipe(&outRead, &outWrite, &inherit, 0));
+    ATL::CHandle childIn(inRead), input(inWrite), output(outRead), childOut(outWrite);
+    SetHandleInformation(input, HANDLE_FLAG_INHERIT, 0);
+    SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
+    STARTUPINFOW si{sizeof si};
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = childIn;
+    si.hStdOutput = si.hStdError = childOut;
+    PROCESS_INFORMATION pi{};
+    std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" --json check --rules " + Quoted(treeRules) +
+                        L" --from -";
+    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi));
+    ATL::CHandle process(pi.hProcess), thread(pi.hThread);
+    childIn.Close();
+    childOut.Close();
+    auto write = [&](const std::string& text) {
+        DWORD written = 0;
+        return WriteFile(input, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != FALSE;
+    };
+    // What the tool wrote so far, read until it holds `lines` lines or 30 s pass.
+    std::string out;
+    auto readLines = [&](size_t lines) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (static_cast<size_t>(std::count(out.begin(), out.end(), '\n')) < lines &&
+               std::chrono::steady_clock::now() < deadline)
+        {
+            DWORD available = 0, got = 0;
+            char buffer[4096];
+            if (!PeekNamedPipe(output, nullptr, 0, nullptr, &available, nullptr))
+                break;
+            if (available == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            else if (ReadFile(output, buffer, std::min<DWORD>(available, sizeof buffer), &got, nullptr))
+                out.append(buffer, got);
+        }
+    };
+    ASSERT_TRUE(write(Narrow(tree) + "\\apps\\a\\one.exe\n"));
+    readLines(1);
+    EXPECT_NE(std::string::npos, out.find("\"record\":\"program\",\"index\":0,\"line\":1,")) << out;
+    EXPECT_TRUE(write(Narrow(tree) + "\\apps\\other\\five.exe\n"));
+    input.Close();
+    readLines(3);
+    if (WaitForSingleObject(process, 30000) != WAIT_OBJECT_0)
+        TerminateProcess(process, 0xDEAD);
+    DWORD exitCode = 0;
+    GetExitCodeProcess(process, &exitCode);
+    EXPECT_EQ(1u, exitCode) << out;
+    EXPECT_NE(std::string::npos, out.find("\"record\":\"summary\"")) << out;
+    EXPECT_EQ(std::string::npos, out.find('\r')) << "no progress where standard error is not a terminal";
+}
+
+// Answers held back behind a slow one are bounded by the window, whatever
+// the number of inputs.
+TEST_F(Check, TheWindowBoundsTheAnswersHeldBack)
+{
+    std::vector<std::wstring> paths;
+    for (size_t k = 0; k < 3000; ++k)
+        paths.push_back(dir.File(L"x" + std::to_wstring(k)));
+    qxinspect::Inputs inputs;
+    std::wstring error;
+    ASSERT_TRUE(inputs.Open(paths, std::nullopt, false, error));
+    std::atomic<size_t> started{0};
+    size_t startedWhileFirstWorked = 0, next = 0;
+    const size_t handed = qxinspect::RunInOrder<size_t>(
+        inputs, 4, L"files",
+        [&](const qxinspect::Input& input) {
+            ++started;
+            // The first answer takes until the others stop coming (at most 5 s).
+            for (size_t seen = 0, rounds = 0; input.index == 0 && rounds < 100; ++rounds)
+            {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                if (started == seen && seen > 1)
+                    break;
+                seen = started;
+            }
+            if (input.index == 0)
+                startedWhileFirstWorked = started;
+            return input.index;
+        },
+        [&](const qxinspect::Input&, size_t& index) { return index == next++; });
+    EXPECT_EQ(3000u, handed);
+    EXPECT_GT(startedWhileFirstWorked, 4u);
+    EXPECT_LE(startedWhileFirstWorked, qxinspect::Window);
 }
 } // namespace

@@ -3,7 +3,7 @@
 // token with the Administrators group deny-only), serves the pipe, and shows
 // the primary token it obtained and how long that took.
 
-#include "Platform.h"
+#include "Access.h"
 
 #include "QXCommon/Guid.h"
 #include "QXCommon/PipeImpersonateClient.h"
@@ -20,8 +20,6 @@ namespace qxinspect
 {
 namespace
 {
-const wchar_t* const AdministratorsSid = L"S-1-5-32-544";
-
 std::unique_ptr<BYTE[]> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass)
 {
     DWORD size = 0;
@@ -97,24 +95,11 @@ bool StartClient(const std::wstring& pipe, const std::wstring& eventName, bool r
     startup.hStdOutput = startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION info = {};
     ATL::CHandle restrictedToken;
-    if (restricted)
+    DWORD code = ERROR_SUCCESS;
+    if (restricted && !AdministratorsDenyOnlyToken(restrictedToken, code))
     {
-        ATL::CAccessToken own;
-        PSID adminsSid = nullptr;
-        HANDLE made = nullptr;
-        if (own.GetProcessToken(TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY) &&
-            ConvertStringSidToSidW(AdministratorsSid, &adminsSid))
-        {
-            const LocalPtr<void> adminsOwner(adminsSid);
-            SID_AND_ATTRIBUTES denyOnly = {adminsSid, 0};
-            CreateRestrictedToken(own.GetHandle(), 0, 1, &denyOnly, 0, nullptr, 0, nullptr, &made);
-        }
-        if (made == nullptr)
-        {
-            error = L"cannot make a restricted token, error " + std::to_wstring(GetLastError());
-            return false;
-        }
-        restrictedToken.Attach(made);
+        error = L"cannot make a restricted token, error " + std::to_wstring(code);
+        return false;
     }
     const BOOL started =
         restricted ? CreateProcessAsUserW(restrictedToken, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0,

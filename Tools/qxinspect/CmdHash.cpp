@@ -2,6 +2,7 @@
 
 #include "FileFacts.h"
 
+#include "QXCommon/DataLoader.h"
 #include "QXCommon/QXCommonFunctions.h"
 #include "QXCommon/SignatureAlgorithmStrategy.h"
 
@@ -70,17 +71,23 @@ int RunHash(Context& context, const std::vector<std::wstring>& args)
     for (const std::wstring& path : parser.Positional())
     {
         // Only a regular disk file under 4 GiB has an identity: anything else
-        // is refused before the library is asked.
-        FileStatus status = CheckRegularFile(path);
+        // is refused before the library is asked, and what is hashed is read
+        // from the handle that was checked (GenerateFileHash's steps: the
+        // process's strategy on the first 8 MiB).
+        ATL::CHandle file;
+        FileStatus status = OpenRegularFile(path, file);
         std::wstring hash;
         if (status.Ok())
         {
+            const std::unique_ptr<QXCommon::IHashStrategy> strategy = strategies->GetHashStrategy();
+            QXCommon::CDataLoader loader;
             ::SetLastError(ERROR_SUCCESS);
-            hash = QXCommonFunctions::GenerateFileHash(PlainPath(path));
-            if (hash.empty())
+            if (!strategy || !loader.LoadFile(nullptr, HashedBytes, file) ||
+                !strategy->GenerateHash(loader.GetData(), loader.GetNumBytes(), hash))
             {
                 status.error = ::GetLastError() != ERROR_SUCCESS ? ::GetLastError() : ERROR_READ_FAULT;
                 status.reason = QXCommonFunctions::ErrorMessageFromCode(static_cast<int>(status.error));
+                hash.clear();
             }
         }
         Json entry = Json::MakeObject().Set(L"path", path);

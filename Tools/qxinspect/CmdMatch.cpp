@@ -67,6 +67,8 @@ int RunMatch(Context& context, const std::vector<std::wstring>& args)
         kind = AutomaticKind(expanded, why);
         result = QXCommon::CFilePathPatternMatcher::MatchAgainstPattern(program, expanded, flag);
     }
+    if (result == -2)
+        return Fail(ExitFailed, L"could not answer: " + error);
     if (result < 0)
         return Fail(ExitUsage, error);
 
@@ -154,7 +156,9 @@ QXINSPECT_COMMAND(L"match", L"match [--kind KIND] [--slash] [--pid N] PATH PATTE
                   L"pattern and what was tested when they differ; --json prints {command, path,\n"
                   L"pattern, expanded, kind, automatic, why, slash, subject, match, warnings}.\n"
                   L"Exit codes: 0 match, 1 no match, 2 bad command line (or a pattern its kind\n"
-                  L"refuses), 3 the table for %VAR% could not be loaded.\n",
+                  L"refuses), 3 the table for %VAR% could not be loaded, or a regex or glob\n"
+                  L"match ran out of the matcher's step budget (could not answer: the agent\n"
+                  L"takes it for no match).\n",
                   &RunMatch);
 
 QXINSPECT_COMMAND(L"regex-check", L"regex-check [--samples MASK] EXPRESSION",

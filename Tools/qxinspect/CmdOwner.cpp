@@ -1,7 +1,7 @@
 // owner: who owns a file, its group and DACL, and the hand-over of the file
 // to another process's user as the agent makes it (which changes the owner).
 
-#include "Platform.h"
+#include "Access.h"
 
 #include "QXCommon/ChangeFileOwner.h"
 #include "QXCommon/QXCommonFunctions.h"
@@ -68,15 +68,10 @@ DWORD MayTakeOwnership(const std::wstring& path, const ATL::CAccessToken& token,
     ATL::CAccessToken query;
     if (!token.CreateImpersonationToken(&query))
         return GetLastError();
-    GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
-    PRIVILEGE_SET privileges = {};
-    DWORD privilegesSize = sizeof(privileges), access = 0;
-    BOOL status = FALSE;
-    if (!AccessCheck(descriptor, query.GetHandle(), WRITE_OWNER, &mapping, &privileges, &privilegesSize, &access,
-                     &status))
-        return GetLastError();
-    granted = status != FALSE;
-    return ERROR_SUCCESS;
+    DWORD access = 0;
+    const DWORD error = GrantedAccess(query.GetHandle(), descriptor, WRITE_OWNER, access);
+    granted = (access & WRITE_OWNER) != 0;
+    return error;
 }
 
 int RunOwner(Context& context, const std::vector<std::wstring>& args)

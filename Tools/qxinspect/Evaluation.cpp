@@ -1,7 +1,6 @@
 #include "Evaluation.h"
 
 #include "QXCommon/FilePathPatternMatcher.h"
-#include "QXCommon/GlobWildcardString.h"
 #include "QXCommon/RegExHelpers.h"
 
 #include <algorithm>
@@ -18,42 +17,36 @@ std::wstring Quoted(const std::wstring& text)
     return L"\"" + text + L"\"";
 }
 
-RuleResult MatchPatternRule(const Rule& rule, const ProgramStart& start, std::vector<Note>& warnings,
-                            const std::wstring& file)
+const FileStatus NoProgram{ERROR_INVALID_PARAMETER, L"the command line names no program"};
+
+RuleResult TestPattern(const BoundRule& bound, const std::wstring& program, bool detail)
 {
     RuleResult result;
-    result.expanded = rule.text;
-    if (start.program.empty())
+    if (program.empty())
     {
         result.reason = L"there is no program to match";
         return result;
     }
-    if (rule.text.find(L'%') != std::wstring::npos)
+    if (!bound.unanswerable.empty())
     {
-        if (!start.env)
-        {
-            result.reason = L"its %VAR% references cannot be expanded: " + start.envError;
-            return result;
-        }
-        std::vector<std::wstring> unknown;
-        result.expanded = ExpandPattern(rule.kind, rule.text, *start.env, unknown);
-        for (const std::wstring& name : unknown)
-            warnings.push_back({file, rule.line,
-                                name + L" is not in the environment table of " + start.env->UserName() +
-                                    L": it stays in the pattern as written"});
+        result.reason = bound.unanswerable;
+        return result;
     }
-    std::wstring error;
-    const int matched = MatchRule(rule.kind, start.program, result.expanded, 0, result.subject, error);
-    result.outcome = matched == 1 ? Outcome::Match : matched == 0 ? Outcome::NoMatch : Outcome::Unanswered;
-    result.reason = matched < 0 ? error : Quoted(result.subject) + L" against " + Quoted(result.expanded);
+    std::wstring why;
+    result.outcome = bound.test.Test(program, result.subject, why);
+    if (result.outcome == Outcome::Unanswered)
+        result.reason = why;
+    else if (detail)
+        result.reason = Quoted(result.subject) + L" against " + Quoted(bound.expanded);
+    if (!detail)
+        result.subject.clear();
     return result;
 }
 
-RuleResult MatchSignerRule(const Rule& rule, const Evaluation& evaluation, std::vector<Note>& warnings,
-                           const std::wstring& file)
+RuleResult TestSigner(const Rule& rule, const SignatureFacts& facts, std::vector<Note>& warnings,
+                      const std::wstring& file, bool detail)
 {
     RuleResult result;
-    const SignatureFacts& facts = evaluation.signature;
     if (!facts.status.Ok())
     {
         result.reason = L"the file has no signer to compare: " + facts.status.reason;
@@ -62,28 +55,29 @@ RuleResult MatchSignerRule(const Rule& rule, const Evaluation& evaluation, std::
     const Certificate& mine = rule.certificate;
     // The agent's comparison: issuer and serial number.
     const bool same = facts.readError == 0 && facts.signer == *mine.cert;
-    result.signerThumbprint = facts.thumbprint;
     result.sameCertificate = facts.readError == 0 && facts.thumbprint == mine.thumbprint;
     result.outcome = facts.result == S_OK && same ? Outcome::Match : Outcome::NoMatch;
-    result.reason = L"signature " + ResultText(facts.result) + L"; signer " +
-                    (facts.readError == 0 ? Quoted(facts.name) + L" (sha256 " + facts.thumbprint + L")" : L"none") +
-                    L", the rule's certificate " + Quoted(mine.name) + L" (sha256 " + mine.thumbprint + L"): " +
-                    (result.sameCertificate ? L"the same certificate"
-                     : same ? L"NOT the same certificate, only the same issuer and serial number"
-                            : L"not the signer");
     if (same && !result.sameCertificate)
         warnings.push_back({file, rule.line,
                             L"the signer " + Quoted(facts.name) + L" is taken for the rule's certificate " +
                                 Quoted(mine.name) + L" because issuer and serial number are the same, but it is "
                                 L"another certificate (sha256 " + facts.thumbprint + L", not " + mine.thumbprint +
                                 L"): whoever made it passes this rule"});
+    if (!detail)
+        return result;
+    result.signerThumbprint = facts.thumbprint;
+    result.reason = L"signature " + ResultText(facts.result) + L"; signer " +
+                    (facts.readError == 0 ? Quoted(facts.name) + L" (sha256 " + facts.thumbprint + L")" : L"none") +
+                    L", the rule's certificate " + Quoted(mine.name) + L" (sha256 " + mine.thumbprint + L"): " +
+                    (result.sameCertificate ? L"the same certificate"
+                     : same ? L"NOT the same certificate, only the same issuer and serial number"
+                            : L"not the signer");
     return result;
 }
 
-RuleResult MatchHashRule(const Rule& rule, const Evaluation& evaluation)
+RuleResult TestHash(const Rule& rule, const FileHashes& hashes, bool detail)
 {
     RuleResult result;
-    const FileHashes& hashes = evaluation.hashes;
     if (!hashes.status.Ok())
     {
         result.reason = L"the file has no identity: " + hashes.status.reason;
@@ -93,8 +87,19 @@ RuleResult MatchHashRule(const Rule& rule, const Evaluation& evaluation)
                                    : rule.kind == RuleKind::Sha256 ? hashes.sha256
                                                                    : hashes.adler32;
     result.outcome = EqualNoCase(computed, rule.text) ? Outcome::Match : Outcome::NoMatch;
-    result.reason = L"expected " + rule.text + L", computed " + computed;
+    if (detail)
+        result.reason = L"expected " + rule.text + L", computed " + computed;
     return result;
+}
+
+// A match that may run out of the engine's step budget.
+Outcome Bounded(int code, bool matched, std::wstring& reason)
+{
+    if (code == 0)
+        return matched ? Outcome::Match : Outcome::NoMatch;
+    reason = L"the matcher could not tell: it ran out of its step budget on this path (error " +
+             std::to_wstring(code) + L", where the agent's matcher answers no match)";
+    return Outcome::Unanswered;
 }
 } // namespace
 
@@ -108,51 +113,90 @@ const wchar_t* OutcomeName(Outcome outcome)
     }
 }
 
-int MatchRule(RuleKind kind, const std::wstring& program, const std::wstring& pattern, int flag, std::wstring& subject,
-              std::wstring& error)
+bool PatternTest::Compile(RuleKind kind, const std::wstring& pattern, int flag, std::wstring& error)
 {
-    subject = program;
-    switch (kind)
+    m_kind = kind;
+    m_pattern = pattern;
+    m_flag = flag;
+    if (IsContentKind(kind))
     {
-    case RuleKind::Name: return CFilePathPatternMatcher::MatchAgainstJustFileName(program, pattern);
-    case RuleKind::Path:
-        // The whole path: MatchAgainstPattern's full-path comparison, which it
-        // makes for a pattern with a separator and no wildcard. Any other
-        // text never equals a program's full path.
-        return CFilePathPatternMatcher::ContainsPath(pattern) && !CFilePathPatternMatcher::ContainsWildCard(pattern)
-                   ? CFilePathPatternMatcher::MatchAgainstPattern(program, pattern, flag)
-                   : 0;
-    case RuleKind::Wildcard: return CFilePathPatternMatcher::MatchAgainstWildCardPattern(program, pattern, flag);
-    case RuleKind::Folder:
-    case RuleKind::Subfolders:
-        // Folder rules hold the program's folder (with its trailing separator).
-        CFilePathPatternMatcher::StripFile(program, subject);
-        return CFilePathPatternMatcher::MatchAgainstFolder(subject, pattern, kind == RuleKind::Subfolders ? 1 : 0);
-    case RuleKind::Network: return CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(program, pattern, flag);
-    case RuleKind::HookExceptions: return CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(program, pattern);
-    case RuleKind::Regex:
+        error = std::wstring(L"a ") + KindName(kind) + L" rule does not match a path";
+        return false;
+    }
+    if (kind == RuleKind::Regex)
     {
         int code = 0;
         if (!ValidateRegularExpression(pattern.c_str(), &code))
         {
             error = L"the regular expression is refused: " + RegexErrorText(pattern, code);
-            return -1;
+            return false;
         }
-        return CFilePathPatternMatcher::MatchAgainstRegularExpressionPattern(program, pattern);
+        m_regex.Parse(pattern);
+    }
+    if (kind == RuleKind::Glob && !m_glob.Parse(pattern))
+    {
+        error = L"the glob cannot be compiled: " +
+                RegexErrorText(QXCommon::RegExHelpers::GlobToRegExPattern(pattern), QX_REGEX_ERROR_BUDGET);
+        return false;
+    }
+    return true;
+}
+
+Outcome PatternTest::Test(const std::wstring& program, std::wstring& subject, std::wstring& reason) const
+{
+    subject = program;
+    auto answer = [](int matched) { return matched == 1 ? Outcome::Match : Outcome::NoMatch; };
+    switch (m_kind)
+    {
+    case RuleKind::Name: return answer(CFilePathPatternMatcher::MatchAgainstJustFileName(program, m_pattern));
+    case RuleKind::Path:
+        // The whole path: MatchAgainstPattern's full-path comparison, which it
+        // makes for a pattern with a separator and no wildcard. Any other
+        // text never equals a program's full path.
+        return CFilePathPatternMatcher::ContainsPath(m_pattern) && !CFilePathPatternMatcher::ContainsWildCard(m_pattern)
+                   ? answer(CFilePathPatternMatcher::MatchAgainstPattern(program, m_pattern, m_flag))
+                   : Outcome::NoMatch;
+    case RuleKind::Wildcard:
+        return answer(CFilePathPatternMatcher::MatchAgainstWildCardPattern(program, m_pattern, m_flag));
+    case RuleKind::Folder:
+    case RuleKind::Subfolders:
+        // Folder rules hold the program's folder (with its trailing separator).
+        CFilePathPatternMatcher::StripFile(program, subject);
+        return answer(
+            CFilePathPatternMatcher::MatchAgainstFolder(subject, m_pattern, m_kind == RuleKind::Subfolders ? 1 : 0));
+    case RuleKind::Network:
+        return answer(CFilePathPatternMatcher::MatchAgainstNetworkResourcePattern(program, m_pattern, m_flag));
+    case RuleKind::HookExceptions:
+        return answer(CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(program, m_pattern));
+    case RuleKind::Regex:
+    {
+        // MatchAgainstRegularExpressionPattern's search on the expression
+        // compiled once, telling "no match" from "could not tell".
+        if (program.empty() || m_pattern.empty() || program.find(L'\0') != std::wstring::npos)
+            return Outcome::NoMatch;
+        bool matched = false;
+        const int code = m_regex.TryMatch(program, matched);
+        return Bounded(code, matched, reason);
     }
     case RuleKind::Glob:
     {
-        QXCommon::RegExHelpers::GlobWildcardString glob;
-        if (!glob.Parse(pattern))
-        {
-            error = L"the glob cannot be compiled: " +
-                    RegexErrorText(QXCommon::RegExHelpers::GlobToRegExPattern(pattern), QX_REGEX_ERROR_BUDGET);
-            return -1;
-        }
-        return glob.Match(program) ? 1 : 0;
+        bool matched = false;
+        const int code = m_glob.TryMatch(program, matched);
+        return Bounded(code, matched, reason);
     }
-    default: error = std::wstring(L"a ") + KindName(kind) + L" rule does not match a path"; return -1;
+    default: return Outcome::NoMatch;
     }
+}
+
+int MatchRule(RuleKind kind, const std::wstring& program, const std::wstring& pattern, int flag, std::wstring& subject,
+              std::wstring& error)
+{
+    PatternTest test;
+    subject = program;
+    if (!test.Compile(kind, pattern, flag, error))
+        return -1;
+    const Outcome outcome = test.Test(program, subject, error);
+    return outcome == Outcome::Match ? 1 : outcome == Outcome::NoMatch ? 0 : -2;
 }
 
 RuleKind AutomaticKind(const std::wstring& pattern, std::wstring& why)
@@ -185,61 +229,130 @@ std::wstring ExpandPattern(RuleKind kind, const std::wstring& text, QXCommon::CE
     return expanded;
 }
 
-Evaluation Evaluate(const RuleSet& rules, const ProgramStart& start, FileFacts* program, const SignaturePolicy& policy)
+std::vector<Note> BoundRules::Warnings() const
 {
-    Evaluation evaluation;
-    const bool sha1 = rules.Needs(RuleKind::Sha1), sha256 = rules.Needs(RuleKind::Sha256),
-               adler32 = rules.Needs(RuleKind::Adler32);
-    evaluation.hashesNeeded = sha1 || sha256 || adler32;
-    evaluation.signatureNeeded = rules.Needs(RuleKind::Signer);
-    const FileStatus noProgram{ERROR_INVALID_PARAMETER, L"the command line names no program"};
-    if (evaluation.hashesNeeded)
-        evaluation.hashes = program != nullptr ? program->Hashes(sha1, sha256, adler32) : FileHashes{noProgram};
-    if (evaluation.signatureNeeded)
-    {
-        if (program != nullptr)
-            evaluation.signature = program->Signature();
-        else
-            evaluation.signature.status = noProgram;
-    }
-
-    std::vector<Note>& warnings = evaluation.warnings;
-    for (const Rule& rule : rules.rules)
-    {
-        if (rule.kind == RuleKind::Signer && WaivesUnknownRoot(policy))
-            warnings.push_back({rules.file, rule.line,
-                                L"evaluated under --ignore with 0x10 (an unknown root allowed): a certificate that "
-                                L"anyone makes with the issuer name and serial number of \"" +
-                                    rule.certificate.name + L"\" verifies and matches"});
-        RuleResult result = rule.kind == RuleKind::Signer ? MatchSignerRule(rule, evaluation, warnings, rules.file)
-                            : IsHashKind(rule.kind)       ? MatchHashRule(rule, evaluation)
-                                                          : MatchPatternRule(rule, start, warnings, rules.file);
-        if (IsContentKind(rule.kind))
-            result.subject = start.program;
-        evaluation.results.push_back(std::move(result));
-    }
-    if (evaluation.signatureNeeded && OnWine())
-        warnings.push_back({rules.file, 0,
-                            L"this platform (Wine) accepts a chain that ends at an unknown issuer: a certificate "
-                            L"that anyone makes with a signer rule's issuer name and serial number verifies and "
-                            L"matches here"});
-
-    auto any = [&](Outcome o) {
-        return std::any_of(evaluation.results.begin(), evaluation.results.end(),
-                           [&](const RuleResult& r) { return r.outcome == o; });
-    };
-    evaluation.answer = any(Outcome::Match)        ? Outcome::Match
-                        : any(Outcome::Unanswered) ? Outcome::Unanswered
-                                                   : Outcome::NoMatch;
-    return evaluation;
+    std::vector<Note> warnings;
+    for (const BoundRule& rule : rules)
+        warnings.insert(warnings.end(), rule.warnings.begin(), rule.warnings.end());
+    warnings.insert(warnings.end(), platformWarnings.begin(), platformWarnings.end());
+    return warnings;
 }
 
-Evaluation Decide(const RuleSet& rules, ProgramStart& start, const SignaturePolicy& policy, FactsCache* cache)
+BoundRules Bind(const RuleSet& set, const ProcessFacts& process, const SignaturePolicy& policy)
 {
-    Prepare(start);
+    BoundRules bound;
+    bound.set = &set;
+    bound.policy = policy;
+    bound.needed.sha1 = set.Needs(RuleKind::Sha1);
+    bound.needed.sha256 = set.Needs(RuleKind::Sha256);
+    bound.needed.adler32 = set.Needs(RuleKind::Adler32);
+    bound.needed.signature = set.Needs(RuleKind::Signer);
+    for (const Rule& rule : set.rules)
+    {
+        BoundRule& one = bound.rules.emplace_back();
+        one.rule = &rule;
+        if (rule.kind == RuleKind::Signer && WaivesUnknownRoot(policy))
+            one.warnings.push_back({set.file, rule.line,
+                                    L"evaluated under --ignore with 0x10 (an unknown root allowed): a certificate "
+                                    L"that anyone makes with the issuer name and serial number of \"" +
+                                        rule.certificate.name + L"\" verifies and matches"});
+        if (IsContentKind(rule.kind))
+            continue;
+        one.expanded = rule.text;
+        if (rule.text.find(L'%') != std::wstring::npos)
+        {
+            if (!process.env)
+            {
+                one.unanswerable = L"its %VAR% references cannot be expanded: " + process.envError;
+                continue;
+            }
+            std::vector<std::wstring> unknown;
+            one.expanded = ExpandPattern(rule.kind, rule.text, *process.env, unknown);
+            for (const std::wstring& name : unknown)
+                one.warnings.push_back({set.file, rule.line,
+                                        name + L" is not in the environment table of " + process.env->UserName() +
+                                            L": it stays in the pattern as written"});
+        }
+        std::wstring error;
+        if (!one.test.Compile(rule.kind, one.expanded, 0, error))
+            one.unanswerable = error;
+    }
+    if (bound.needed.signature && OnWine())
+        bound.platformWarnings.push_back({set.file, 0,
+                                          L"this platform (Wine) accepts a chain that ends at an unknown issuer: a "
+                                          L"certificate that anyone makes with a signer rule's issuer name and serial "
+                                          L"number verifies and matches here"});
+    return bound;
+}
+
+std::vector<size_t> Verdict::Rules(Outcome outcome) const
+{
+    std::vector<size_t> indexes;
+    for (size_t k = 0; k < results.size(); ++k)
+        if (results[k].outcome == outcome)
+            indexes.push_back(k);
+    return indexes;
+}
+
+Verdict Evaluate(const BoundRules& rules, const std::wstring& program, const Facts* facts, bool detail)
+{
+    Verdict verdict;
+    verdict.results.reserve(rules.rules.size());
+    const FileHashes noHashes{NoProgram};
+    SignatureFacts noSignature;
+    noSignature.status = NoProgram;
+    const FileHashes& hashes = facts != nullptr ? facts->hashes : noHashes;
+    const SignatureFacts& signature = facts != nullptr ? facts->signature : noSignature;
+    bool match = false, unanswered = false;
+    for (const BoundRule& bound : rules.rules)
+    {
+        const Rule& rule = *bound.rule;
+        RuleResult result = rule.kind == RuleKind::Signer
+                                ? TestSigner(rule, signature, verdict.warnings, rules.set->file, detail)
+                            : IsHashKind(rule.kind) ? TestHash(rule, hashes, detail)
+                                                    : TestPattern(bound, program, detail);
+        if (IsContentKind(rule.kind) && detail)
+            result.subject = program;
+        match = match || result.outcome == Outcome::Match;
+        unanswered = unanswered || result.outcome == Outcome::Unanswered;
+        verdict.results.push_back(std::move(result));
+    }
+    verdict.answer = match ? Outcome::Match : unanswered ? Outcome::Unanswered : Outcome::NoMatch;
+    return verdict;
+}
+
+std::vector<Note> Decision::Warnings() const
+{
+    std::vector<Note> warnings;
+    for (const BoundRule& rule : bound.rules)
+    {
+        warnings.insert(warnings.end(), rule.warnings.begin(), rule.warnings.end());
+        for (const Note& note : verdict.warnings)
+            if (note.line == rule.rule->line)
+                warnings.push_back(note);
+    }
+    warnings.insert(warnings.end(), bound.platformWarnings.begin(), bound.platformWarnings.end());
+    return warnings;
+}
+
+Decision Decide(const RuleSet& rules, ProcessFacts& process, ProgramStart& start, const SignaturePolicy& policy,
+                FactsCache* cache)
+{
+    Decision decision;
+    PrepareProcess(process);
+    StepSplit(start);
+    StepImage(start);
+    decision.bound = Bind(rules, process, policy);
     if (start.program.empty())
-        return Evaluate(rules, start, nullptr, policy);
-    FactsCache fresh(policy, start.token.GetHandle() != nullptr ? &start.token : nullptr);
-    return Evaluate(rules, start, (cache != nullptr ? cache : &fresh)->Of(start.program).get(), policy);
+    {
+        decision.facts = std::make_shared<const Facts>(FactsWithout(L"", NoProgram));
+    }
+    else if (cache != nullptr)
+        decision.facts = cache->Of(start.program);
+    else
+        decision.facts = std::make_shared<const Facts>(
+            ComputeFacts(start.program, decision.bound.needed, policy, process.FileToken()));
+    decision.verdict = Evaluate(decision.bound, start.program, decision.facts.get());
+    return decision;
 }
 } // namespace qxinspect

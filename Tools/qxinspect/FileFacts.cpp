@@ -3,16 +3,14 @@
 #include "RuleSet.h"
 
 #include "QXCommon/ChecksumStrategyAdler32.h"
+#include "QXCommon/ImpersonationSaver.h"
 #include "QXCommon/DataLoader.h"
 #include "QXCommon/HashStrategySha.h"
 #include "QXCommon/HashStrategyShaCacheHelper.h"
 #include "QXCommon/QXCommonFunctions.h"
-#include "QXCommon/VerifySignedFile.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cwctype>
-#include <thread>
 
 namespace qxinspect
 {
@@ -62,6 +60,31 @@ bool NamesDevice(const std::wstring& path)
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlIsDosDeviceName_U")));
     return isDosDeviceName != nullptr && isDosDeviceName(path.c_str()) != 0;
 }
+// The path the handle leads to; where the file system cannot tell, the
+// full path of the name it was opened by.
+std::wstring FinalPath(HANDLE handle, const std::wstring& name)
+{
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD length = GetFinalPathNameByHandleW(handle, path.data(), MAX_PATH, FILE_NAME_NORMALIZED);
+    if (length >= MAX_PATH)
+    {
+        path.resize(length);
+        length = GetFinalPathNameByHandleW(handle, path.data(), length, FILE_NAME_NORMALIZED);
+    }
+    if (length == 0 || length >= path.size())
+    {
+        length = GetFullPathNameW(name.c_str(), static_cast<DWORD>(path.size()), path.data(), nullptr);
+        if (length >= path.size())
+        {
+            path.resize(length);
+            length = GetFullPathNameW(name.c_str(), length, path.data(), nullptr);
+        }
+        if (length == 0 || length >= path.size())
+            return name;
+    }
+    path.resize(length);
+    return path;
+}
 } // namespace
 
 std::wstring PlainPath(const std::wstring& path)
@@ -78,7 +101,7 @@ std::wstring PlainPath(const std::wstring& path)
     return path;
 }
 
-FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file)
+FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file, FileIdentity* identity, DWORD share)
 {
     file.Close();
     const std::wstring plain = PlainPath(path);
@@ -90,9 +113,8 @@ FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file)
         return Refused(ERROR_NOT_SUPPORTED, L"a device, not a disk file");
     // What the name stands for is known only once it is open: the handle is
     // checked (a disk file, not a folder, under 4 GiB) before anything is read.
-    HANDLE opened = CreateFileW(plain.c_str(), FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0,
-                                nullptr);
+    HANDLE opened = CreateFileW(plain.c_str(), FILE_READ_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE, share, nullptr,
+                                OPEN_EXISTING, 0, nullptr);
     if (opened == INVALID_HANDLE_VALUE)
     {
         // A folder is refused by the open itself (access denied): say what it is.
@@ -114,8 +136,23 @@ FileStatus OpenRegularFile(const std::wstring& path, ATL::CHandle& file)
         return Refused(ErrorDirectoryNotSupported, L"a folder, not a file");
     if (static_cast<ULONGLONG>(info.EndOfFile.QuadPart) >= FourGiB)
         return Refused(ERROR_FILE_TOO_LARGE, L"4 GiB or more");
+    if (identity != nullptr)
+    {
+        FILE_BASIC_INFO basic = {};
+        if (!GetFileInformationByHandleEx(handle, FileBasicInfo, &basic, sizeof(basic)))
+            return SystemError(GetLastError());
+        *identity = FileIdentity{FinalPath(handle, plain), static_cast<ULONGLONG>(info.EndOfFile.QuadPart),
+                                 basic.LastWriteTime.QuadPart};
+    }
     file.Attach(handle.Detach());
     return FileStatus();
+}
+
+std::wstring FileIdentity::Key() const
+{
+    std::wstring key = finalPath;
+    std::transform(key.begin(), key.end(), key.begin(), [](wchar_t c) { return static_cast<wchar_t>(towlower(c)); });
+    return key + L"|" + std::to_wstring(size) + L"|" + std::to_wstring(lastWrite);
 }
 
 bool ReadSmallFile(const std::wstring& path, DWORD maxBytes, std::string& bytes, std::wstring& error)
@@ -151,15 +188,12 @@ bool ReadSmallFile(const std::wstring& path, DWORD maxBytes, std::string& bytes,
     return true;
 }
 
-FileHashes HashFile(const std::wstring& path, bool sha1, bool sha256, bool adler32)
+FileHashes HashFile(HANDLE file, bool sha1, bool sha256, bool adler32)
 {
     FileHashes hashes;
-    ATL::CHandle file;
-    hashes.status = OpenRegularFile(path, file);
-    if (!hashes.status.Ok())
-        return hashes;
     QXCommon::CDataLoader loader;
-    if (!loader.LoadFile(nullptr, HashedBytes, file))
+    LARGE_INTEGER start = {};
+    if (!SetFilePointerEx(file, start, nullptr, FILE_BEGIN) || !loader.LoadFile(nullptr, HashedBytes, file))
     {
         hashes.status = SystemError(GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_READ_FAULT);
         return hashes;
@@ -175,6 +209,13 @@ FileHashes HashFile(const std::wstring& path, bool sha1, bool sha256, bool adler
     if (adler32)
         hash(QXCommon::CChecksumStrategyAdler32(), hashes.adler32);
     return hashes;
+}
+
+FileHashes HashFile(const std::wstring& path, bool sha1, bool sha256, bool adler32)
+{
+    ATL::CHandle file;
+    const FileStatus status = OpenRegularFile(path, file);
+    return status.Ok() ? HashFile(file, sha1, sha256, adler32) : FileHashes{status};
 }
 
 bool ParsePolicy(const ArgParser& parser, SignaturePolicy& policy, std::wstring& error)
@@ -207,17 +248,59 @@ Json PolicyJson(const SignaturePolicy& policy)
         .Set(L"network", policy.network);
 }
 
-SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token,
-                             bool countTable)
+namespace
+{
+// The file as the token's user opens it (the agent verifies files that only
+// the user can read this way), checked like any other; a file that the user
+// reaches as another file than the one checked is refused. Empty when the
+// user cannot open it: the check then uses the tool's own handle, as the
+// agent lets the platform open the file as itself.
+FileStatus OpenAsUser(const std::wstring& path, const ATL::CAccessToken& token, const FileIdentity& checked,
+                      ATL::CHandle& file)
+{
+    FileIdentity identity;
+    FileStatus status;
+    {
+        QXCommon::CImpersonationSaver impersonation;
+        if (impersonation.GetCaptureError() != ERROR_SUCCESS)
+            return FileStatus();
+        const BOOL impersonated = ImpersonateLoggedOnUser(token.GetHandle());
+        impersonation.SetImpersonationOccurred(impersonated);
+        if (!impersonated)
+            return FileStatus();
+        status = OpenRegularFile(path, file, &identity, ShareNoWrite);
+    }
+    if (!status.Ok())
+        file.Close();
+    else if (identity.Key() != checked.Key())
+    {
+        file.Close();
+        return Refused(ERROR_FILE_INVALID, L"the path led to another file (or the file changed) while it was checked");
+    }
+    return FileStatus();
+}
+
+SignatureFacts ReadSignatureOf(const std::wstring& path, HANDLE checked, const FileIdentity& identity,
+                               const SignaturePolicy& policy, const ATL::CAccessToken& token, bool countTable)
 {
     SignatureFacts facts;
-    facts.status = CheckRegularFile(path);
+    const std::wstring plain = PlainPath(path);
+    ATL::CHandle asUser;
+    facts.status = OpenAsUser(plain, token, identity, asUser);
     if (!facts.status.Ok())
         return facts;
-    const std::wstring plain = PlainPath(path);
+    const HANDLE file = asUser != nullptr ? static_cast<HANDLE>(asUser) : checked;
+    LARGE_INTEGER start = {};
+    SetFilePointerEx(file, start, nullptr, FILE_BEGIN);
+    // The library reads a signer only by path.
     facts.readError = facts.signer.ReadFromSignedFile(plain);
-    QXCommon::VerifySignedFile verifier(policy.enforceExpiry, policy.ignoreFlags, policy.network);
-    facts.result = verifier.Verify(facts.signer, plain, token);
+    // VerifySignedFile::Verify's two steps, the first on the checked handle:
+    // the Authenticode check, then the signer's chain; an expired signer
+    // passes either unless the policy enforces expiry.
+    auto waived = [&](HRESULT result) { return result == CERT_E_EXPIRED && !policy.enforceExpiry ? S_OK : result; };
+    facts.result = waived(QXCommon::CDigitalCertificate::VerifyFileSignature(plain, file));
+    if (facts.result == S_OK)
+        facts.result = waived(facts.signer.Verify(policy.ignoreFlags, policy.network));
     if (facts.readError == 0)
     {
         facts.name = TakeBstr(facts.signer.GetName());
@@ -230,98 +313,121 @@ SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& po
     return facts;
 }
 
-FileFacts::FileFacts(std::wstring path, SignaturePolicy policy, const ATL::CAccessToken* token)
-    : m_path(std::move(path)), m_policy(policy), m_token(token)
+// The facts of a file already opened and checked.
+Facts FactsOf(const std::wstring& path, HANDLE file, const FileIdentity& identity, const FactsNeeded& needed,
+              const SignaturePolicy& policy, const ATL::CAccessToken* token)
 {
-}
-
-const FileStatus& FileFacts::Status()
-{
-    if (!m_status)
-        m_status = std::make_unique<FileStatus>(CheckRegularFile(m_path));
-    return *m_status;
-}
-
-const FileHashes& FileFacts::Hashes(bool sha1, bool sha256, bool adler32)
-{
-    // Those computed before are kept: they are computed again with the others.
-    if (m_hashes)
-    {
-        if (!m_hashes->status.Ok() || ((!sha1 || !m_hashes->sha1.empty()) && (!sha256 || !m_hashes->sha256.empty()) &&
-                                       (!adler32 || !m_hashes->adler32.empty())))
-            return *m_hashes;
-        sha1 = sha1 || !m_hashes->sha1.empty();
-        sha256 = sha256 || !m_hashes->sha256.empty();
-        adler32 = adler32 || !m_hashes->adler32.empty();
-    }
-    m_hashes = std::make_unique<FileHashes>(Status().Ok() ? HashFile(m_path, sha1, sha256, adler32)
-                                                          : FileHashes{Status()});
-    return *m_hashes;
-}
-
-const SignatureFacts& FileFacts::Signature()
-{
-    if (m_signature)
-        return *m_signature;
-    m_signature = std::make_unique<SignatureFacts>();
-    if (!Status().Ok())
-        m_signature->status = Status();
-    else if (m_token == nullptr || m_token->GetHandle() == nullptr)
-        m_signature->status = FileStatus{ERROR_NO_TOKEN, L"the file cannot be opened as the process's user: no token"};
-    else
-        *m_signature = ReadSignature(m_path, m_policy, *m_token, false);
-    return *m_signature;
-}
-
-std::shared_ptr<FileFacts> FactsCache::Of(const std::wstring& path)
-{
-    std::wstring key = path;
-    std::transform(key.begin(), key.end(), key.begin(), [](wchar_t c) { return static_cast<wchar_t>(towlower(c)); });
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto& facts = m_files[key];
-    if (!facts)
-        facts = std::make_shared<FileFacts>(path, m_policy, m_token);
+    Facts facts;
+    facts.path = path;
+    facts.identity = identity;
+    if (needed.image)
+        facts.imageError = QXCommonFunctions::TryCheckIsNTExe(PlainPath(path), facts.isNTExe);
+    if (needed.AnyHash())
+        facts.hashes = HashFile(file, needed.sha1, needed.sha256, needed.adler32);
+    if (needed.signature && (token == nullptr || token->GetHandle() == nullptr))
+        facts.signature.status = FileStatus{ERROR_NO_TOKEN, L"the file cannot be opened as the process's user: no token"};
+    else if (needed.signature)
+        facts.signature = ReadSignatureOf(path, file, identity, policy, *token, needed.tableEntries);
+    if (needed.owner)
+        facts.owner = ReadDescriptor(file);
     return facts;
 }
 
-FileInfo DescribeFile(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token)
+} // namespace
+
+Facts FactsWithout(const std::wstring& path, const FileStatus& status)
 {
-    FileInfo info;
-    info.path = path;
-    info.status = CheckRegularFile(path);
-    if (!info.status.Ok())
-        return info;
-    info.imageError = QXCommonFunctions::TryCheckIsNTExe(PlainPath(path), info.isNTExe);
-    info.hashes = HashFile(path, true, true, true);
-    info.signature = ReadSignature(path, policy, token);
-    info.owner = ReadDescriptor(PlainPath(path));
-    return info;
+    Facts facts;
+    facts.path = path;
+    facts.status = facts.hashes.status = facts.signature.status = status;
+    return facts;
 }
 
-std::vector<FileInfo> DescribeFiles(const std::vector<std::wstring>& paths, unsigned threads,
-                                    const SignaturePolicy& policy, const ATL::CAccessToken& token)
+SignatureFacts ReadSignature(const std::wstring& path, const SignaturePolicy& policy, const ATL::CAccessToken& token,
+                             bool countTable)
 {
-    using QXCommon::HashStrategyShaCacheHelper;
-    std::vector<FileInfo> infos(paths.size());
-    std::atomic<size_t> next{0};
-    auto worker = [&] {
-        // Every hash on this thread borrows the thread's own provider.
-        const BOOL shared = HashStrategyShaCacheHelper::CreateSharedContext();
-        for (size_t k = next++; k < paths.size(); k = next++)
-            infos[k] = DescribeFile(paths[k], policy, token);
-        if (shared)
-            HashStrategyShaCacheHelper::DestroySharedContext();
-    };
-    const bool slot = HashStrategyShaCacheHelper::InitTLS() != FALSE;
-    const size_t count = std::max<size_t>(1, std::min<size_t>(threads, paths.size()));
-    std::vector<std::thread> pool;
-    for (size_t k = 1; k < count; ++k)
-        pool.emplace_back(worker);
-    worker(); // the calling thread is the first worker
-    for (std::thread& t : pool)
-        t.join();
-    if (slot)
-        HashStrategyShaCacheHelper::UninitTLS();
-    return infos;
+    ATL::CHandle file;
+    FileIdentity identity;
+    const FileStatus status = OpenRegularFile(path, file, &identity);
+    if (!status.Ok())
+        return SignatureFacts{status};
+    return ReadSignatureOf(path, file, identity, policy, token, countTable);
+}
+
+FactsNeeded& FactsNeeded::operator|=(const FactsNeeded& other)
+{
+    image = image || other.image;
+    sha1 = sha1 || other.sha1;
+    sha256 = sha256 || other.sha256;
+    adler32 = adler32 || other.adler32;
+    signature = signature || other.signature;
+    tableEntries = tableEntries || other.tableEntries;
+    owner = owner || other.owner;
+    return *this;
+}
+
+FactsNeeded FactsNeeded::All()
+{
+    FactsNeeded all;
+    all.image = all.sha1 = all.sha256 = all.adler32 = true;
+    all.signature = all.tableEntries = all.owner = true;
+    return all;
+}
+
+Facts ComputeFacts(const std::wstring& path, const FactsNeeded& needed, const SignaturePolicy& policy,
+                   const ATL::CAccessToken* token)
+{
+    ATL::CHandle file;
+    FileIdentity identity;
+    const FileStatus status = OpenRegularFile(path, file, &identity);
+    return status.Ok() ? FactsOf(path, file, identity, needed, policy, token) : FactsWithout(path, status);
+}
+
+std::shared_ptr<const Facts> FactsCache::Of(const std::wstring& path)
+{
+    ATL::CHandle file;
+    FileIdentity identity;
+    const FileStatus status = OpenRegularFile(path, file, &identity);
+    if (!status.Ok())
+        return std::make_shared<const Facts>(FactsWithout(path, status));
+    const std::wstring key = identity.Key();
+    std::shared_ptr<Entry> entry;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto& slot = m_files[key];
+        if (slot)
+            m_ages.erase(slot->age);
+        else
+            slot = std::make_shared<Entry>();
+        m_ages.push_front(key);
+        slot->age = m_ages.begin();
+        entry = slot;
+        while (m_files.size() > Capacity)
+        {
+            m_files.erase(m_ages.back());
+            m_ages.pop_back();
+        }
+    }
+    // The first to ask computes (from its own checked handle); the others
+    // wait for it and take its answer.
+    std::lock_guard<std::mutex> computing(entry->mutex);
+    const bool known = entry->facts != nullptr;
+    if (!known)
+        entry->facts = std::make_shared<const Facts>(FactsOf(path, file, identity, m_needed, m_policy, m_token));
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++(known ? m_reused : m_computed);
+    return entry->facts;
+}
+
+size_t FactsCache::Computed() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_computed;
+}
+
+size_t FactsCache::Reused() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_reused;
 }
 } // namespace qxinspect

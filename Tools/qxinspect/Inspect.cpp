@@ -228,6 +228,19 @@ void OutJson(Json value)
     Out(value.Serialize() + L"\n");
 }
 
+void OutJsonLine(Json value)
+{
+    const Output& state = State();
+    value.Prepend(L"command", state.command.empty() ? Json() : Json(state.command));
+    Out(value.Serialize(0) + L"\n");
+}
+
+bool StderrIsTerminal()
+{
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != FALSE;
+}
+
 namespace
 {
 int FailDocument(int exitCode, const wchar_t* kind, const std::wstring& message, Json lines, const std::wstring& text)
@@ -296,9 +309,9 @@ bool ArgParser::Parse(const std::vector<std::wstring>& args, std::wstring& error
         else if (std::find(m_valueOptions.begin(), m_valueOptions.end(), name) != m_valueOptions.end())
         {
             if (inlineValue)
-                m_values[name] = *inlineValue;
+                m_values[name].push_back(*inlineValue);
             else if (k + 1 < args.size())
-                m_values[name] = args[++k];
+                m_values[name].push_back(args[++k]);
             else
             {
                 error = L"option " + name + L" needs a value";
@@ -324,7 +337,13 @@ std::optional<std::wstring> ArgParser::Value(const std::wstring& name) const
     auto it = m_values.find(name);
     if (it == m_values.end())
         return std::nullopt;
-    return it->second;
+    return it->second.back();
+}
+
+std::vector<std::wstring> ArgParser::Values(const std::wstring& name) const
+{
+    auto it = m_values.find(name);
+    return it == m_values.end() ? std::vector<std::wstring>() : it->second;
 }
 
 bool ParseNumber32(const std::wstring& text, uint32_t& value)
@@ -381,6 +400,25 @@ std::wstring Hex32(uint32_t value)
 std::wstring BoolText(bool value)
 {
     return value ? L"yes" : L"no";
+}
+
+std::wstring CsvField(const std::wstring& text)
+{
+    std::wstring field = !text.empty() && std::wcschr(L"=+-@", text[0]) != nullptr ? L"'" + text : text;
+    if (field.find_first_of(L",\"\r\n") == std::wstring::npos)
+        return field;
+    std::wstring quoted = L"\"";
+    for (wchar_t c : field)
+        quoted += c == L'"' ? std::wstring(L"\"\"") : std::wstring(1, c);
+    return quoted + L"\"";
+}
+
+std::wstring CsvRow(const std::vector<std::wstring>& fields)
+{
+    std::wstring row;
+    for (size_t k = 0; k < fields.size(); ++k)
+        row += (k == 0 ? L"" : L",") + CsvField(fields[k]);
+    return row + L"\r\n";
 }
 
 std::wstring Count(size_t n, const wchar_t* singular, const wchar_t* plural)

@@ -4,13 +4,22 @@
 // itself with QXINSPECT_COMMAND; main.cpp handles the common options
 // (--json, --log, --help, --version), dispatch and exit codes.
 //
-// The rule engine that check (and the commands to come that read rule sets)
-// share lives beside the commands, one piece per file:
+// The rule engine that check, audit, diff and match share lives beside the
+// commands, one piece per file:
 //   RuleSet       rules files: kinds, parsing, malformed lines and warnings
-//   FileFacts     the facts of one file (status, hashes, signature), once each
-//   ProgramStart  the facts of one program start (process, token, command line)
-//   Evaluation    a rule set evaluated on those facts: one meaning per kind
-//   Report        what check prints, as text and as JSON
+//   FileFacts     the facts of one file (identity, image, hashes, signature,
+//                 owner), computed once and kept for the run by identity
+//   ProgramStart  the facts of a program start: the process (once a run) and
+//                 the program its command line names
+//   Evaluation    a rule set bound to the process, evaluated on those facts:
+//                 one meaning per kind
+//   Inputs        what a run is asked about: PATHs, folders, --from lines
+//   Stream        inputs answered on worker threads, handed back in order
+//   Programs      what check, audit and diff share for many program starts
+//   Access        a standard user's rights on a program and its folder
+//   Report        what check prints for one start, as text and as JSON
+//   Records       the streamed records and summaries of check, diff, fileinfo
+//   Audit         audit's findings and its report
 
 #include <windows.h>
 
@@ -89,6 +98,11 @@ void SetDocument(const std::wstring& command, bool json);
 // Prints the JSON value (followed by a line feed) on standard output, with
 // "command" put first.
 void OutJson(Json value);
+// The same on one line: one record of a JSON Lines stream.
+void OutJsonLine(Json value);
+// Whether standard error is a console that a person watches (progress lines
+// are written only there).
+bool StderrIsTerminal();
 // "qxinspect: <message>" on standard error and, with --json, the error
 // document {command, error: {kind, message}} on standard output; returns the
 // exit code given (2: kind "usage", 3: kind "failed").
@@ -109,13 +123,16 @@ public:
 
     const std::vector<std::wstring>& Positional() const { return m_positional; }
     bool Has(const std::wstring& name) const;
+    // The option's value (the last one given when it was given more than once).
     std::optional<std::wstring> Value(const std::wstring& name) const;
+    // Every value given for the option, in order.
+    std::vector<std::wstring> Values(const std::wstring& name) const;
 
 private:
     std::vector<std::wstring> m_valueOptions;
     std::vector<std::wstring> m_flagOptions;
     std::vector<std::wstring> m_positional;
-    std::map<std::wstring, std::wstring> m_values;
+    std::map<std::wstring, std::vector<std::wstring>> m_values;
     std::vector<std::wstring> m_flags;
 };
 
@@ -126,6 +143,12 @@ bool ParseNumber32(const std::wstring& text, uint32_t& value);
 // Text forms of common values.
 std::wstring Hex32(uint32_t value);   // "0x0000ABCD"
 std::wstring BoolText(bool value);    // "yes" / "no"
+// One CSV field (RFC 4180): quoted when it holds a comma, a quote or a line
+// break; a leading = + - or @ is prefixed with ' so that a spreadsheet shows
+// the text rather than running it as a formula.
+std::wstring CsvField(const std::wstring& text);
+// A CSV row of the fields, ended by CR LF.
+std::wstring CsvRow(const std::vector<std::wstring>& fields);
 // "1 rule", "3 rules".
 std::wstring Count(size_t n, const wchar_t* singular, const wchar_t* plural);
 // " (see qxinspect help COMMAND)": the one way the tool points at help.

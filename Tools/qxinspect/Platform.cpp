@@ -117,18 +117,17 @@ Json Account(const AccountName& account)
     return Json::MakeObject().Set(L"name", account.name).Set(L"domain", account.domain).Set(L"sid", account.sid);
 }
 
-Descriptor ReadDescriptor(const std::wstring& path)
+namespace
 {
-    Descriptor result;
-    PSID owner = nullptr, group = nullptr;
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    result.error = GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT,
-                                         OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                                             DACL_SECURITY_INFORMATION,
-                                         &owner, &group, &dacl, nullptr, &descriptor);
+constexpr SECURITY_INFORMATION OwnerGroupDacl =
+    OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+
+Descriptor Describe(DWORD error, PSID owner, PSID group, PSECURITY_DESCRIPTOR descriptor)
+{
     const LocalPtr<void> descriptorOwner(descriptor);
-    if (result.error != ERROR_SUCCESS)
+    Descriptor result;
+    result.error = error;
+    if (error != ERROR_SUCCESS)
         return result;
     result.owner = NameOf(owner);
     result.group = NameOf(group);
@@ -140,6 +139,32 @@ Descriptor ReadDescriptor(const std::wstring& path)
         result.dacl = text;
     }
     return result;
+}
+} // namespace
+
+Descriptor ReadDescriptor(const std::wstring& path)
+{
+    PSID owner = nullptr, group = nullptr;
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    const DWORD error = GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, OwnerGroupDacl, &owner, &group, &dacl,
+                                              nullptr, &descriptor);
+    return Describe(error, owner, group, descriptor);
+}
+
+Descriptor ReadDescriptor(HANDLE file)
+{
+    const HANDLE reopened = ReOpenFile(file, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0);
+    if (reopened == INVALID_HANDLE_VALUE)
+        return Describe(GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE, nullptr, nullptr,
+                        nullptr);
+    const ATL::CHandle control(reopened);
+    PSID owner = nullptr, group = nullptr;
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    const DWORD error =
+        GetSecurityInfo(control, SE_FILE_OBJECT, OwnerGroupDacl, &owner, &group, &dacl, nullptr, &descriptor);
+    return Describe(error, owner, group, descriptor);
 }
 
 const wchar_t* ElevationTypeName(HANDLE token)

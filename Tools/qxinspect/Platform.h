@@ -78,6 +78,9 @@ struct Descriptor
     std::wstring dacl;
 };
 Descriptor ReadDescriptor(const std::wstring& path);
+// The same for a file already open (it is opened again from its handle for
+// READ_CONTROL, so that what is read is that file's).
+Descriptor ReadDescriptor(HANDLE file);
 
 // "default", "full", "limited" or "unknown".
 const wchar_t* ElevationTypeName(HANDLE token);

@@ -13,15 +13,15 @@ namespace
 const wchar_t* const AdministratorsSid = L"S-1-5-32-544";
 }
 
-void StepIdentity(ProgramStart& start)
+void StepIdentity(ProcessFacts& process)
 {
-    start.processId = start.pid != 0 ? start.pid : GetCurrentProcessId();
+    process.processId = process.pid != 0 ? process.pid : GetCurrentProcessId();
     QXCommon::CProcessIDAndCreateTime identity;
-    start.identityError = identity.Initialise(start.processId);
-    if (start.identityError == 0)
+    process.identityError = identity.Initialise(process.processId);
+    if (process.identityError == 0)
     {
-        start.key = identity.GetProcessIDAndCreateTime();
-        identity.GetProcessStartTime(start.created);
+        process.key = identity.GetProcessIDAndCreateTime();
+        identity.GetProcessStartTime(process.created);
     }
 }
 
@@ -79,43 +79,41 @@ void StepImage(ProgramStart& start)
                                              : QXCommonFunctions::TryCheckIsNTExe(start.program, start.isNTExe);
 }
 
-void StepToken(ProgramStart& start)
+void StepToken(ProcessFacts& process)
 {
-    start.token.Clear();
-    start.tokenError = ERROR_SUCCESS;
-    if (!QXCommonFunctions::AttachAtlAccessTokenToPrimaryTokenFromProcessId(start.token, start.processId))
+    process.token.Clear();
+    process.tokenError = ERROR_SUCCESS;
+    if (!QXCommonFunctions::AttachAtlAccessTokenToPrimaryTokenFromProcessId(process.token, process.processId))
     {
-        start.tokenError = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE;
+        process.tokenError = GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE;
         return;
     }
-    const HANDLE token = start.token.GetHandle();
+    const HANDLE token = process.token.GetHandle();
     ATL::CSid user;
-    if (start.token.GetUser(&user))
-        start.user = NameOf(const_cast<SID*>(user.GetPSID()));
-    start.elevated = QXCommonFunctions::IsTokenElevated(token);
-    start.elevationType = ElevationTypeName(token);
-    start.restrictedOrFullAdmin = QXCommonFunctions::IsRestrictedOrFullAdmin(token);
-    start.hasAdminSid = QXCommon::QXAccessTokenMembership().HasAdminSid(token) != FALSE;
+    if (process.token.GetUser(&user))
+        process.user = NameOf(const_cast<SID*>(user.GetPSID()));
+    process.elevated = QXCommonFunctions::IsTokenElevated(token);
+    process.elevationType = ElevationTypeName(token);
+    process.restrictedOrFullAdmin = QXCommonFunctions::IsRestrictedOrFullAdmin(token);
+    process.hasAdminSid = QXCommon::QXAccessTokenMembership().HasAdminSid(token) != FALSE;
     // The system's membership rule asks an impersonation token.
     ATL::CAccessToken query;
-    start.administratorsMember = start.token.CreateImpersonationToken(&query) &&
-                                 QXCommonFunctions::TokenHasMembership(query, AdministratorsSid);
+    process.administratorsMember = process.token.CreateImpersonationToken(&query) &&
+                                   QXCommonFunctions::TokenHasMembership(query, AdministratorsSid);
 }
 
-void StepEnvironment(ProgramStart& start)
+void StepEnvironment(ProcessFacts& process)
 {
-    start.env = std::make_unique<QXCommon::CEnvironmentEx>(0);
-    start.envError.clear();
-    if (!LoadTable(*start.env, start.pid, start.envError))
-        start.env.reset();
+    process.env = std::make_unique<QXCommon::CEnvironmentEx>(0);
+    process.envError.clear();
+    if (!LoadTable(*process.env, process.pid, process.envError))
+        process.env.reset();
 }
 
-void Prepare(ProgramStart& start)
+void PrepareProcess(ProcessFacts& process)
 {
-    StepIdentity(start);
-    StepSplit(start);
-    StepImage(start);
-    StepToken(start);
-    StepEnvironment(start);
+    StepIdentity(process);
+    StepToken(process);
+    StepEnvironment(process);
 }
 } // namespace qxinspect

@@ -6,16 +6,6 @@ namespace
 {
 const std::wstring Indent(22, L' ');
 
-std::wstring RuleName(const Rule& rule)
-{
-    return L"line " + std::to_wstring(rule.line) + (rule.label.empty() ? L"" : L" [" + rule.label + L"]");
-}
-
-Json RuleRef(const Rule& rule)
-{
-    return Json::MakeObject().Set(L"line", rule.line).Set(L"label", rule.label);
-}
-
 Json Step(const wchar_t* name, bool ok)
 {
     return Json::MakeObject().Set(L"step", name).Set(L"ok", ok);
@@ -29,14 +19,14 @@ std::wstring StepLine(const std::wstring& title, const std::wstring& answer)
     return line + answer + L"\n";
 }
 
-Json StepsJson(const ProgramStart& start, const Evaluation& evaluation)
+Json StepsJson(const ProcessFacts& process, const ProgramStart& start, const Decision& decision)
 {
     Json steps = Json::MakeArray();
-    Json identity = Step(L"identity", start.identityError == 0).Set(L"pid", static_cast<unsigned long>(start.processId));
-    if (start.identityError == 0)
-        identity.Set(L"key", start.key).Set(L"created", IsoTime(start.created, true));
+    Json identity = Step(L"identity", process.identityError == 0).Set(L"pid", static_cast<unsigned long>(process.processId));
+    if (process.identityError == 0)
+        identity.Set(L"key", process.key).Set(L"created", IsoTime(process.created, true));
     else
-        SetWin32(identity, start.identityError);
+        SetWin32(identity, process.identityError);
     steps.Push(std::move(identity));
 
     Json image = Step(L"image", start.imageError == 0).Set(L"path", start.program);
@@ -46,16 +36,16 @@ Json StepsJson(const ProgramStart& start, const Evaluation& evaluation)
         SetWin32(image, start.imageError);
     steps.Push(std::move(image));
 
-    Json token = Step(L"token", start.tokenError == 0);
-    if (start.tokenError == 0)
-        token.Set(L"user", Account(start.user))
-            .Set(L"elevated", start.elevated)
-            .Set(L"elevationType", start.elevationType)
-            .Set(L"restrictedOrFullAdmin", start.restrictedOrFullAdmin)
-            .Set(L"hasAdminSid", start.hasAdminSid)
-            .Set(L"administratorsMember", start.administratorsMember);
+    Json token = Step(L"token", process.tokenError == 0);
+    if (process.tokenError == 0)
+        token.Set(L"user", Account(process.user))
+            .Set(L"elevated", process.elevated)
+            .Set(L"elevationType", process.elevationType)
+            .Set(L"restrictedOrFullAdmin", process.restrictedOrFullAdmin)
+            .Set(L"hasAdminSid", process.hasAdminSid)
+            .Set(L"administratorsMember", process.administratorsMember);
     else
-        SetWin32(token, start.tokenError);
+        SetWin32(token, process.tokenError);
     steps.Push(std::move(token));
 
     const SplitLine& split = start.split;
@@ -67,16 +57,17 @@ Json StepsJson(const ProgramStart& start, const Evaluation& evaluation)
     line.Set(L"program", start.program).Set(L"programSource", start.programSource);
     steps.Push(std::move(line));
 
-    Json environment = Step(L"environment", start.env != nullptr);
-    if (start.env)
-        environment.Set(L"userName", start.env->UserName());
+    Json environment = Step(L"environment", process.env != nullptr);
+    if (process.env)
+        environment.Set(L"userName", process.env->UserName());
     else
-        environment.Set(L"reason", start.envError);
+        environment.Set(L"reason", process.envError);
     steps.Push(std::move(environment));
 
-    const FileHashes& hashes = evaluation.hashes;
-    Json hashJson = Step(L"hashes", evaluation.hashesNeeded && hashes.status.Ok()).Set(L"needed", evaluation.hashesNeeded);
-    if (evaluation.hashesNeeded && !hashes.status.Ok())
+    const bool hashesNeeded = decision.bound.needed.AnyHash(), signatureNeeded = decision.bound.needed.signature;
+    const FileHashes& hashes = decision.facts->hashes;
+    Json hashJson = Step(L"hashes", hashesNeeded && hashes.status.Ok()).Set(L"needed", hashesNeeded);
+    if (hashesNeeded && !hashes.status.Ok())
         SetWin32(hashJson, hashes.status.error).Set(L"reason", hashes.status.reason);
     else
         for (const auto& [name, value] : {std::pair{L"sha1", &hashes.sha1}, std::pair{L"sha256", &hashes.sha256},
@@ -85,12 +76,11 @@ Json StepsJson(const ProgramStart& start, const Evaluation& evaluation)
                 hashJson.Set(name, *value);
     steps.Push(std::move(hashJson));
 
-    const SignatureFacts& sig = evaluation.signature;
-    Json sigJson = Step(L"signature", evaluation.signatureNeeded && sig.status.Ok())
-                       .Set(L"needed", evaluation.signatureNeeded);
-    if (evaluation.signatureNeeded && !sig.status.Ok())
+    const SignatureFacts& sig = decision.facts->signature;
+    Json sigJson = Step(L"signature", signatureNeeded && sig.status.Ok()).Set(L"needed", signatureNeeded);
+    if (signatureNeeded && !sig.status.Ok())
         SetWin32(sigJson, sig.status.error).Set(L"reason", sig.status.reason);
-    else if (evaluation.signatureNeeded)
+    else if (signatureNeeded)
     {
         SetHresult(sigJson, L"result", sig.result).Set(L"verified", sig.result == S_OK);
         sigJson.Set(L"signer", sig.readError == 0 ? Json::MakeObject()
@@ -103,25 +93,25 @@ Json StepsJson(const ProgramStart& start, const Evaluation& evaluation)
     return steps;
 }
 
-std::wstring StepsText(const ProgramStart& start, const Evaluation& evaluation)
+std::wstring StepsText(const ProcessFacts& process, const ProgramStart& start, const Decision& decision)
 {
     std::wstring text = StepLine(L"1 process identity",
-                                 start.identityError == 0
-                                     ? start.key + L" (process " + std::to_wstring(start.processId) + L", created " +
-                                           IsoTime(start.created, true) + L")"
-                                     : L"process " + std::to_wstring(start.processId) + L" cannot be opened: " +
-                                           Win32Text(start.identityError));
+                                 process.identityError == 0
+                                     ? process.key + L" (process " + std::to_wstring(process.processId) + L", created " +
+                                           IsoTime(process.created, true) + L")"
+                                     : L"process " + std::to_wstring(process.processId) + L" cannot be opened: " +
+                                           Win32Text(process.identityError));
     text += StepLine(L"2 NT image", start.imageError == 0 ? BoolText(start.isNTExe != FALSE)
                                                           : L"check failed: " + Win32Text(start.imageError));
     text += StepLine(L"3 token",
-                     start.tokenError == 0
-                         ? start.user.Qualified() + L" " + start.user.sid + L"\n" + Indent + L"elevated " +
-                               BoolText(start.elevated) + L" (type " + start.elevationType +
-                               L"), restricted or full admin " + BoolText(start.restrictedOrFullAdmin) + L",\n" +
-                               Indent + L"Administrators SID " + BoolText(start.hasAdminSid) +
-                               L", member of Administrators " + BoolText(start.administratorsMember)
-                         : L"the token of process " + std::to_wstring(start.processId) + L" cannot be opened: " +
-                               Win32Text(start.tokenError));
+                     process.tokenError == 0
+                         ? process.user.Qualified() + L" " + process.user.sid + L"\n" + Indent + L"elevated " +
+                               BoolText(process.elevated) + L" (type " + process.elevationType +
+                               L"), restricted or full admin " + BoolText(process.restrictedOrFullAdmin) + L",\n" +
+                               Indent + L"Administrators SID " + BoolText(process.hasAdminSid) +
+                               L", member of Administrators " + BoolText(process.administratorsMember)
+                         : L"the token of process " + std::to_wstring(process.processId) + L" cannot be opened: " +
+                               Win32Text(process.tokenError));
     const SplitLine& split = start.split;
     text += StepLine(L"4 command line",
                      start.line + L"\n" + Indent + L"program   " + (start.program.empty() ? L"(none)" : start.program) +
@@ -129,12 +119,13 @@ std::wstring StepsText(const ProgramStart& start, const Evaluation& evaluation)
                          (split.split ? L"\n" + Indent + L"arguments " + split.arguments + L"\n" + Indent +
                                             L"expanded  " + (split.converted ? split.expanded : L"(could not be expanded)")
                                       : L""));
-    text += StepLine(L"5 environment", start.env ? L"the table of " + start.env->UserName() +
+    text += StepLine(L"5 environment", process.env ? L"the table of " + process.env->UserName() +
                                                        L" (rules' %VAR% are expanded against it)"
-                                                 : start.envError);
-    const FileHashes& hashes = evaluation.hashes;
-    std::wstring hashText = evaluation.hashesNeeded ? L"" : L"not needed (no hash rule)";
-    if (evaluation.hashesNeeded && !hashes.status.Ok())
+                                                 : process.envError);
+    const bool hashesNeeded = decision.bound.needed.AnyHash(), signatureNeeded = decision.bound.needed.signature;
+    const FileHashes& hashes = decision.facts->hashes;
+    std::wstring hashText = hashesNeeded ? L"" : L"not needed (no hash rule)";
+    if (hashesNeeded && !hashes.status.Ok())
         hashText = L"the file has no identity: " + hashes.status.reason;
     else
         for (const auto& [name, value] : {std::pair{L"sha1", &hashes.sha1}, std::pair{L"sha256", &hashes.sha256},
@@ -142,11 +133,11 @@ std::wstring StepsText(const ProgramStart& start, const Evaluation& evaluation)
             if (!value->empty())
                 hashText += (hashText.empty() ? L"" : L"\n" + Indent) + name + L" " + *value;
     text += StepLine(L"6 hashes (8 MiB)", hashText);
-    const SignatureFacts& sig = evaluation.signature;
+    const SignatureFacts& sig = decision.facts->signature;
     std::wstring sigText = L"not needed (no signer rule)";
-    if (evaluation.signatureNeeded && !sig.status.Ok())
+    if (signatureNeeded && !sig.status.Ok())
         sigText = L"cannot be checked: " + sig.status.reason;
-    else if (evaluation.signatureNeeded)
+    else if (signatureNeeded)
         sigText = ResultText(sig.result) + (sig.result == S_OK ? L" (verified)" : L"") + L"\n" + Indent + L"signer " +
                   (sig.readError == 0 ? sig.name + L", expires " + sig.expires + L"\n" + Indent + L"sha256 " +
                                             sig.thumbprint
@@ -180,19 +171,19 @@ Json NotesJson(const std::vector<Note>& notes)
     return list;
 }
 
-Json CheckDocument(const RuleSet& rules, const ProgramStart& start, const Evaluation& evaluation,
-                   const SignaturePolicy& policy)
+Json CheckDocument(const RuleSet& rules, const ProcessFacts& process, const ProgramStart& start,
+                   const Decision& decision, const SignaturePolicy& policy)
 {
     Json results = Json::MakeArray();
     Json matches = Json::MakeArray();
     for (size_t k = 0; k < rules.rules.size(); ++k)
     {
         const Rule& rule = rules.rules[k];
-        const RuleResult& result = evaluation.results[k];
+        const RuleResult& result = decision.verdict.results[k];
         Json entry = RuleRef(rule);
         entry.Set(L"kind", KindName(rule.kind)).Set(L"text", rule.text);
         if (!IsContentKind(rule.kind))
-            entry.Set(L"expanded", result.expanded);
+            entry.Set(L"expanded", decision.bound.rules[k].expanded);
         if (rule.kind == RuleKind::Signer)
             entry.Set(L"certificate", Json::MakeObject()
                                           .Set(L"path", rule.certificate.path)
@@ -209,36 +200,38 @@ Json CheckDocument(const RuleSet& rules, const ProgramStart& start, const Evalua
             matches.Push(RuleRef(rule));
     }
     std::vector<Note> warnings = rules.warnings;
-    warnings.insert(warnings.end(), evaluation.warnings.begin(), evaluation.warnings.end());
+    const std::vector<Note> found = decision.Warnings();
+    warnings.insert(warnings.end(), found.begin(), found.end());
     return Json::MakeObject()
         .Set(L"rules", rules.file)
         .Set(L"ruleCount", static_cast<unsigned long>(rules.rules.size()))
         .Set(L"policy", PolicyJson(policy))
         .Set(L"program", start.program)
-        .Set(L"steps", StepsJson(start, evaluation))
+        .Set(L"steps", StepsJson(process, start, decision))
         .Set(L"results", std::move(results))
         .Set(L"matches", std::move(matches))
         .Set(L"warnings", NotesJson(warnings))
-        .Set(L"answer", OutcomeName(evaluation.answer));
+        .Set(L"answer", OutcomeName(decision.verdict.answer));
 }
 
-std::wstring CheckText(const RuleSet& rules, const ProgramStart& start, const Evaluation& evaluation)
+std::wstring CheckText(const RuleSet& rules, const ProcessFacts& process, const ProgramStart& start,
+                       const Decision& decision)
 {
     std::wstring ruleText, matchText;
     for (size_t k = 0; k < rules.rules.size(); ++k)
     {
         const Rule& rule = rules.rules[k];
-        const RuleResult& result = evaluation.results[k];
+        const RuleResult& result = decision.verdict.results[k];
         ruleText += L"  " + RuleName(rule) + L" " + KindName(rule.kind) + L" " + rule.text + L"\n      " +
                     OutcomeName(result.outcome) + L": " + result.reason + L"\n";
         if (result.outcome == Outcome::Match)
             matchText += (matchText.empty() ? L"" : L", ") + RuleName(rule);
     }
-    const size_t warnings = rules.warnings.size() + evaluation.warnings.size();
+    const size_t warnings = rules.warnings.size() + decision.Warnings().size();
     return L"rules: " + rules.file + L" (" + Count(rules.rules.size(), L"rule", L"rules") + L")\n" +
-           StepsText(start, evaluation) + L"rules:\n" + ruleText + L"matching rules: " +
+           StepsText(process, start, decision) + L"rules:\n" + ruleText + L"matching rules: " +
            (matchText.empty() ? L"none" : matchText) + L"\n" +
            (warnings == 0 ? L"" : L"warnings: " + std::to_wstring(warnings) + L" (on standard error)\n") +
-           L"answer: " + OutcomeName(evaluation.answer) + L"\n";
+           L"answer: " + OutcomeName(decision.verdict.answer) + L"\n";
 }
 } // namespace qxinspect

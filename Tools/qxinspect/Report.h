@@ -1,5 +1,5 @@
 #pragma once
-// What check prints: every step of the program start with its answer, every
+// What check prints for one program start: every step of the program start with its answer, every
 // rule with its outcome and why, the rules that matched and the answer; as
 // text for people or as one JSON document. Also the notes of a rule set:
 // malformed lines (every one, then exit 2) and warnings (standard error, and
@@ -19,7 +19,8 @@ int ReportProblems(const RuleSet& rules);
 void ReportWarnings(const std::vector<Note>& warnings);
 Json NotesJson(const std::vector<Note>& notes);
 
-Json CheckDocument(const RuleSet& rules, const ProgramStart& start, const Evaluation& evaluation,
-                   const SignaturePolicy& policy);
-std::wstring CheckText(const RuleSet& rules, const ProgramStart& start, const Evaluation& evaluation);
+Json CheckDocument(const RuleSet& rules, const ProcessFacts& process, const ProgramStart& start,
+                   const Decision& decision, const SignaturePolicy& policy);
+std::wstring CheckText(const RuleSet& rules, const ProcessFacts& process, const ProgramStart& start,
+                       const Decision& decision);
 } // namespace qxinspect

@@ -286,6 +286,16 @@ bool ReadCertificate(const std::wstring& path, Certificate& certificate, std::ws
     return true;
 }
 
+std::wstring RuleName(const Rule& rule)
+{
+    return L"line " + std::to_wstring(rule.line) + (rule.label.empty() ? L"" : L" [" + rule.label + L"]");
+}
+
+Json RuleRef(const Rule& rule)
+{
+    return Json::MakeObject().Set(L"line", rule.line).Set(L"label", rule.label);
+}
+
 bool RuleSet::Needs(RuleKind kind) const
 {
     return std::any_of(rules.begin(), rules.end(), [&](const Rule& rule) { return rule.kind == kind; });

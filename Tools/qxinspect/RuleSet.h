@@ -95,6 +95,10 @@ struct Rule
     Certificate certificate; // signer rules (a relative path is taken from the rules file's folder)
 };
 
+// "line 3 [label]": a rule as people name it; {line, label} for scripts.
+std::wstring RuleName(const Rule& rule);
+Json RuleRef(const Rule& rule);
+
 struct RuleSet
 {
     std::wstring file;

@@ -36,7 +36,9 @@ const wchar_t* const Usage =
     L"  1  done, and the answer is no (no match, not an NT image, rejected)\n"
     L"  2  bad command line or input file (nothing evaluated)\n"
     L"  3  the library or the system could not answer (the error is printed), or\n"
-    L"     standard output could not be written\n";
+    L"     standard output could not be written\n"
+    L"For many programs (check, fileinfo), audit and diff each command's help says\n"
+    L"what its codes mean.\n";
 
 void LogToStderr(void*, const QXDbgLogRecord& record)
 {
