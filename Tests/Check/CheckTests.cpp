@@ -25,7 +25,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -97,6 +96,23 @@ void ReadDocuments(Result& run, const std::wstring& arguments)
     EXPECT_EQ("summary", run.doc["record"].text) << run.out;
 }
 
+// Starts qxinspect with the standard handles given (inherited); null when
+// it could not be started.
+HANDLE Launch(const std::wstring& arguments, HANDLE in, HANDLE out, HANDLE err)
+{
+    STARTUPINFOW si{sizeof si};
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdInput = in;
+    si.hStdOutput = out;
+    si.hStdError = err;
+    PROCESS_INFORMATION pi{};
+    std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" " + arguments;
+    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+        return nullptr;
+    CloseHandle(pi.hThread);
+    return pi.hProcess;
+}
+
 // Runs qxinspect with standard output and error apart (into files that go
 // with their handles, or stdout into the handle given), bounded by a minute.
 // A --json run must print exactly one document, and it must follow the
@@ -113,18 +129,12 @@ Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
                            &inherit, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     };
     ATL::CHandle out(temporary(L"qxo")), err(temporary(L"qxe"));
-    STARTUPINFOW si{sizeof si};
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = stdOut != nullptr ? stdOut : static_cast<HANDLE>(out);
-    si.hStdError = err;
-    PROCESS_INFORMATION pi{};
-    std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" " + arguments;
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+    ATL::CHandle process(Launch(arguments, nullptr, stdOut != nullptr ? stdOut : static_cast<HANDLE>(out), err));
+    if (process == nullptr)
     {
         ADD_FAILURE() << "qxinspect not started: " << GetLastError();
         return run;
     }
-    ATL::CHandle process(pi.hProcess), thread(pi.hThread);
     if (WaitForSingleObject(process, 60000) != WAIT_OBJECT_0)
     {
         ADD_FAILURE() << "qxinspect did not end within a minute: " << Narrow(arguments);
@@ -275,13 +285,9 @@ TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
     const std::wstring big = dir.WriteSparse(L"big.bin", 0x100000000ull, {{0, "MZ"}});
     const std::wstring missing = dir.File(L"missing.exe");
     const std::string noFile = "could not answer";
-    struct Case
-    {
-        std::wstring arguments;
-        DWORD exitCode;
-        std::vector<std::pair<std::string, std::string>> outcomes; // label, outcome
-        std::string reason; // in the sha1 rule's reason
-    } const cases[] = {
+    // Each rule's outcome by label, and a text the sha1 rule's reason holds.
+    struct Case { std::wstring arguments; DWORD exitCode; std::vector<std::pair<std::string, std::string>> outcomes;
+                  std::string reason; } const cases[] = {
         {Quoted(signedExe), 0,
          {{"by name", "match"}, {"drive", "match"}, {"sha1", "match"}, {"sha256", "match"}, {"adler", "match"},
           {"signer", "match"}, {"share", "no match"}, {"full path", "match"}, {"exact path", "match"}},
@@ -348,12 +354,7 @@ TEST_F(Check, TheWalkIsThisProcessWhenAskedForIt)
 
 TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
 {
-    const struct
-    {
-        unsigned line;
-        const char* text;
-        const char* reason;
-    } lines[] = {
+    const struct { unsigned line; const char* text; const char* reason; } lines[] = {
         {1, "executable a.exe", "unknown kind \"executable\""},
         {2, "[label only]", "a label but no rule"},
         {3, "[open label name a.exe", "the label has no closing ]"},
@@ -411,11 +412,7 @@ TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
 
 TEST_F(Check, DoubtfulRulesAreWarnedAboutAndEvaluated)
 {
-    const struct
-    {
-        const char* text;
-        const char* warning;
-    } lines[] = {
+    const struct { const char* text; const char* warning; } lines[] = {
         {"[w1] name signed*.exe", "takes * and ? literally (for a file name with wildcards in any folder: glob *\\"},
         {"[w2] wildcard *.exe", "without a folder matches only a path without folders"},
         {"[w3] path C:/Windows/notepad.exe", "/ is not a separator"},
@@ -507,12 +504,8 @@ TEST_F(Check, MatchMeansWhatEachKindMeans)
     wchar_t root[MAX_PATH] = {};
     ASSERT_NE(0u, GetEnvironmentVariableW(L"SystemRoot", root, MAX_PATH));
     const std::string notepad = Narrow(root) + "\\system32\\notepad.exe";
-    const struct
-    {
-        std::wstring arguments;
-        DWORD exitCode;
-        std::string kind, expanded, fragment; // fragment: in stderr
-    } cases[] = {
+    // The fragment is in stderr.
+    const struct { std::wstring arguments; DWORD exitCode; std::string kind, expanded, fragment; } cases[] = {
         {L"--kind path C:\\evil\\notepad.exe notepad.exe", 2, "", "", "holds no folder"},
         {L"--kind path C:\\x\\a.exe C:\\x\\*.exe", 2, "", "", "takes no wildcards"},
         {L"--kind path C:\\x\\a.exe C:\\x\\a.exe", 0, "path", "C:\\x\\a.exe", ""},
@@ -636,12 +629,8 @@ TEST_F(Check, EveryCommandPrintsOneDocumentOfTheSchema)
                                     L"SignatureAlgorithm");
     ASSERT_TRUE(algorithm.Set(REG_NONE));
     const std::wstring self = std::to_wstring(GetCurrentProcessId()), exe = Quoted(signedExe);
-    const struct
-    {
-        std::wstring arguments;
-        DWORD exitCode;
-        std::string command; // the document's command, or the kind of its error
-    } cases[] = {
+    // The document's command, or the kind of its error.
+    const struct { std::wstring arguments; DWORD exitCode; std::string command; } cases[] = {
         {L"", 0, "version"}, // --json --version below
         {L"help", 0, "help"},
         {L"help check", 0, "help"},
@@ -712,42 +701,25 @@ TEST_F(Check, ThePeoplesSide)
     EXPECT_EQ(3u, run.exitCode) << run.err;
     EXPECT_NE(std::string::npos, run.err.find("standard output could not be written")) << run.err;
 }
-// The results of a rules audit, by rule label.
-std::map<std::string, const JsonValue*> ByLabel(const JsonValue& list)
-{
-    std::map<std::string, const JsonValue*> labels;
-    for (const JsonValue& item : list.items)
-        labels[item["label"].text] = &item;
-    return labels;
-}
-
 TEST_F(Check, AuditFindsDeadRedundantAndBlocked)
 {
     const std::wstring treeRules = MakeTree();
     const Result run = Inspect(L"--json audit --recursive --rules " + Quoted(treeRules) + L" " + Quoted(tree));
     EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
-    const struct
-    {
-        const char* label;
-        const char* allows;
-        bool dead, redundant;
-        const char* coveredBy;
-    } expected[] = {
+    const struct { const char* label; const char* allows; bool dead, redundant; const char* coveredBy; } expected[] = {
         {"one", "1", false, false, ""},  {"b", "2", false, false, ""},      {"dup", "1", false, true, "b"},
         {"dead", "0", true, false, ""}, {"open", "1", false, false, ""},
     };
-    auto results = ByLabel(run.doc["results"]);
     for (const auto& rule : expected)
     {
         SCOPED_TRACE(rule.label);
-        ASSERT_TRUE(results.count(rule.label)) << run.out;
-        const JsonValue& result = *results[rule.label];
-        EXPECT_EQ(rule.allows, result["allows"].Str());
+        const JsonValue& result = ResultOf(run.doc, rule.label);
+        EXPECT_EQ(rule.allows, result["allows"].Str()) << run.out;
         EXPECT_EQ(rule.dead, result["dead"].boolean);
         EXPECT_EQ(rule.redundant, result["redundant"].boolean);
         EXPECT_EQ(rule.coveredBy, result["coveredBy"][0]["label"].text);
     }
-    EXPECT_EQ(Narrow(tree) + "\\apps\\b\\sub\\three.exe", (*results["b"])["examples"][1].text);
+    EXPECT_EQ(Narrow(tree) + "\\apps\\b\\sub\\three.exe", ResultOf(run.doc, "b")["examples"][1].text);
     ASSERT_EQ(1u, run.doc["blocked"].items.size()) << run.out;
     EXPECT_EQ(Narrow(tree) + "\\apps\\other\\five.exe", run.doc["blocked"][0].text);
     EXPECT_EQ("5 4 1 0", run.doc["programs"]["total"].Str() + " " + run.doc["programs"]["allowed"].Str() + " " +
@@ -791,10 +763,9 @@ TEST_F(Check, AuditFindsTheFolderAStandardUserMayWrite)
     protect(tree + L"\\open", L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;WD)(A;;0x2;;;WD)");
     const Result run = Inspect(L"--json audit --recursive --rules " + Quoted(treeRules) + L" " + Quoted(tree));
     EXPECT_EQ(1u, run.exitCode) << run.out << run.err;
-    auto results = ByLabel(run.doc["results"]);
-    for (const auto& [label, result] : results)
-        EXPECT_EQ(label == "open" ? 1u : 0u, (*result)["writable"].items.size()) << label << "\n" << run.out;
-    const JsonValue& open = (*results["open"])["writable"][0];
+    for (const JsonValue& result : run.doc["results"].items)
+        EXPECT_EQ(result["label"].text == "open" ? 1u : 0u, result["writable"].items.size()) << run.out;
+    const JsonValue& open = ResultOf(run.doc, "open")["writable"][0];
     EXPECT_EQ(Narrow(tree) + "\\open\\", open["folder"].text);
     EXPECT_EQ("FILE_ADD_FILE", open["rights"][0].text);
 }
@@ -807,13 +778,9 @@ TEST_F(Check, WriteRightsAreDecidedOnTheDescriptors)
     qxinspect::StandardUserOf(0, user);
     ASSERT_EQ(0u, user.error);
     const std::wstring readOnly = L"O:BAG:BAD:(A;;0x1200a9;;;WD)", self = L"O:" + QXTest::Widen(Narrow(user.user.sid));
-    const struct
-    {
-        std::wstring folder, file;
-        bool subfolders;
-        std::set<std::string> rights; // exactly these (with exact), or at least these
-        bool exact = true;
-    } cases[] = {
+    // The rights granted: exactly these (exact), or at least these.
+    const struct { std::wstring folder, file; bool subfolders; std::set<std::string> rights; bool exact = true; }
+        cases[] = {
         {readOnly, readOnly, true, {}},
         // Administrators is deny-only for a standard user: what it grants does not count.
         {L"O:BAG:BAD:(A;;FA;;;BA)", L"O:BAG:BAD:(A;;FA;;;BA)", true, {}},
@@ -892,12 +859,8 @@ TEST_F(Check, CheckFromAnswersEveryLineInOrder)
     const std::wstring arguments = L"check --rules " + Quoted(dir.File(L"slow.txt")) + L" --from " + Quoted(lines);
     const Result run = Inspect(L"--json " + arguments);
     EXPECT_EQ(3u, run.exitCode) << run.out << run.err;
-    const struct
-    {
-        const char* line;
-        const char* answer;
-        const char* reason; // in the reason
-    } expected[] = {
+    // Each line's answer, and a text its reason holds.
+    const struct { const char* line; const char* answer; const char* reason; } expected[] = {
         {"1", "match", ""}, {"2", "match", ""}, {"5", "could not answer", "step budget"}, {"6", "match", ""},
         {"7", "could not answer", "names no program"}, {"8", "could not answer", "not UTF-8 text"},
     };
@@ -935,15 +898,8 @@ TEST_F(Check, AnswersStreamBeforeTheInputEnds)
     ATL::CHandle childIn(inRead), input(inWrite), output(outRead), childOut(outWrite);
     SetHandleInformation(input, HANDLE_FLAG_INHERIT, 0);
     SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOW si{sizeof si};
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdInput = childIn;
-    si.hStdOutput = si.hStdError = childOut;
-    PROCESS_INFORMATION pi{};
-    std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" --json check --rules " + Quoted(treeRules) +
-                        L" --from -";
-    ASSERT_TRUE(CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi));
-    ATL::CHandle process(pi.hProcess), thread(pi.hThread);
+    ATL::CHandle process(Launch(L"--json check --rules " + Quoted(treeRules) + L" --from -", childIn, childOut, childOut));
+    ASSERT_TRUE(process != nullptr);
     childIn.Close();
     childOut.Close();
     auto write = [&](const std::string& text) {
