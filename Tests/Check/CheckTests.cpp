@@ -155,6 +155,25 @@ Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
     return run;
 }
 
+// Runs qxinspect once per case, four at a time (each run is a process of its
+// own, and most of a run is the process starting), the results in the cases'
+// order.
+template <class Cases, class Arguments>
+std::vector<Result> InspectEach(const Cases& cases, Arguments arguments)
+{
+    std::vector<Result> runs(std::size(cases));
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> workers;
+    for (int k = 0; k < 4; ++k)
+        workers.emplace_back([&] {
+            for (size_t i = next++; i < runs.size(); i = next++)
+                runs[i] = Inspect(arguments(cases[i]));
+        });
+    for (std::thread& worker : workers)
+        worker.join();
+    return runs;
+}
+
 // The element of list whose key is value: a rule's result by its label, a step by its name.
 const JsonValue& Find(const JsonValue& list, const std::string& key, const std::string& value)
 {
@@ -312,10 +331,13 @@ TEST_F(Check, EveryRuleKindWithItsOutcomeAndExitCode)
         {L"--pid 4294967295 " + Quoted(signedExe), 0,
          {{"by name", "match"}, {"drive", noFile}, {"signer", noFile}}, ""},
     };
+    const std::vector<Result> runs = InspectEach(cases, [&](const Case& c) {
+        return L"--json check --ignore 0xF00 --rules " + Quoted(rules) + L" " + c.arguments;
+    });
     for (const Case& c : cases)
     {
         SCOPED_TRACE(Narrow(c.arguments));
-        const Result run = Inspect(L"--json check --ignore 0xF00 --rules " + Quoted(rules) + L" " + c.arguments);
+        const Result& run = runs[&c - cases];
         EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
         for (const auto& [label, outcome] : c.outcomes)
             EXPECT_EQ(outcome, ResultOf(run.doc, label)["outcome"].text) << label << "\n" << run.out;
@@ -391,7 +413,7 @@ TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
 
     // Files that are not rules files, and command lines check refuses.
     const std::wstring notText = dir.Write(L"latin1.txt", "name caf\xE9.exe\n");
-    for (const auto& [arguments, fragment] : std::vector<std::pair<std::wstring, std::string>>{
+    const std::vector<std::pair<std::wstring, std::string>> refusals = {
              {L"--rules " + Quoted(notText) + L" x.exe", ": not UTF-8 text"},
              {L"--rules " + Quoted(dir.File(L"none.txt")) + L" x.exe", "none.txt: "},
              {L"--rules " + Quoted(dir.Path()) + L" x.exe", "a folder"},
@@ -401,9 +423,12 @@ TEST_F(Check, EveryMalformedLineIsReportedAndNothingEvaluated)
              {L"--rules " + Quoted(rules) + L" --cmdline x.exe " + Quoted(signedExe), "no PATH, --from or --csv"},
              {L"--rules " + Quoted(rules) + L" --from " + Quoted(dir.File(L"none.txt")), "--from "},
              {L"--rules " + Quoted(rules) + L" --from NUL", "a device"},
-             {L"--rules " + Quoted(rules) + L" --pid x a.exe", "--pid needs"}})
+             {L"--rules " + Quoted(rules) + L" --pid x a.exe", "--pid needs"}};
+    const std::vector<Result> runs = InspectEach(refusals, [](const auto& r) { return L"--json check " + r.first; });
+    for (size_t k = 0; k < refusals.size(); ++k)
     {
-        const Result refused = Inspect(L"--json check " + arguments);
+        const auto& [arguments, fragment] = refusals[k];
+        const Result& refused = runs[k];
         EXPECT_EQ(2u, refused.exitCode) << Narrow(arguments);
         EXPECT_NE(std::string::npos, refused.err.find(fragment)) << fragment << "\n" << refused.err;
         EXPECT_TRUE(refused.doc["error"]["kind"].text == "input" || refused.doc["error"]["kind"].text == "usage");
@@ -524,10 +549,11 @@ TEST_F(Check, MatchMeansWhatEachKindMeans)
         // A match that runs out of the matcher's budget is no answer, not "no match".
         {L"--kind regex C:\\" + std::wstring(40, L'a') + L".exe ^(.|.)*\\1!x", 3, "", "", "step budget"},
     };
+    const std::vector<Result> runs = InspectEach(cases, [](const auto& c) { return L"--json match " + c.arguments; });
     for (const auto& c : cases)
     {
         SCOPED_TRACE(Narrow(c.arguments));
-        const Result run = Inspect(L"--json match " + c.arguments);
+        const Result& run = runs[&c - cases];
         EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
         EXPECT_NE(std::string::npos, run.err.find(c.fragment)) << run.err;
         if (c.exitCode >= 2)
@@ -664,11 +690,12 @@ TEST_F(Check, EveryCommandPrintsOneDocumentOfTheSchema)
         {L"hash --algorithm md5 " + exe, 2, "usage"},
         {L"match --kind path C:\\x\\a.exe a.exe", 2, "usage"},
     };
+    const std::vector<Result> runs =
+        InspectEach(cases, [&](const auto& c) { return L"--json " + (&c == &cases[0] ? L"--version" : c.arguments); });
     for (const auto& c : cases)
     {
         SCOPED_TRACE(Narrow(c.arguments));
-        const bool version = &c == &cases[0];
-        const Result run = Inspect(L"--json " + (version ? L"--version" : c.arguments));
+        const Result& run = runs[&c - cases];
         EXPECT_EQ(c.exitCode, run.exitCode) << run.out << run.err;
         EXPECT_EQ(c.command, run.doc.Has("error") ? run.doc["error"]["kind"].text : run.doc["command"].text);
     }
