@@ -1,15 +1,13 @@
-// A process for the token and process-identity tests: prints
-// "ready <pid> <tid>" (its main thread's id) and waits until its standard
-// input is closed, so the test decides how long it lives.
+// A process for the identity tests: says "ready <pid>" and runs until its
+// standard input is closed, so the test decides how long it lives.
 
 #include <windows.h>
 
 #include <cstdio>
 
-int wmain(int, wchar_t**)
+int wmain()
 {
-    std::printf("ready %lu %lu\n", static_cast<unsigned long>(GetCurrentProcessId()),
-                static_cast<unsigned long>(GetCurrentThreadId()));
+    std::printf("ready %lu\n", static_cast<unsigned long>(GetCurrentProcessId()));
     std::fflush(stdout);
     char byte = 0;
     DWORD read = 0;

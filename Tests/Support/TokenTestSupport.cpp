@@ -18,7 +18,7 @@ struct LocalDeleter
     void operator()(void* p) const { LocalFree(p); }
 };
 
-// One class of the token's information; empty, with the error, on failure.
+// One class of the token's information, empty (with the error) on failure.
 // The buffer holds pointers into itself: it is moved, never copied.
 std::vector<BYTE> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, DWORD& error)
 {
@@ -29,6 +29,19 @@ std::vector<BYTE> TokenInfo(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, DWO
     if (error != 0)
         info.clear();
     return info;
+}
+
+// The object type of a handle ("File", "Event", ...), or "?" when it cannot be read.
+std::wstring HandleType(HANDLE handle)
+{
+    using QueryObject = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+    static const auto query = reinterpret_cast<QueryObject>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
+    alignas(8) BYTE buffer[512] = {};
+    const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer);
+    if (query == nullptr || query(handle, 2 /* type */, buffer, sizeof buffer, nullptr) < 0)
+        return L"?";
+    return std::wstring(name->Buffer, name->Length / sizeof(wchar_t));
 }
 } // namespace
 
@@ -44,25 +57,19 @@ ATL::CHandle RestrictedProcessToken(const std::vector<std::wstring>& denyOnlySid
                                     const std::vector<std::wstring>& removedPrivileges)
 {
     std::vector<std::unique_ptr<void, LocalDeleter>> sids;
-    std::vector<SID_AND_ATTRIBUTES> disabled;
-    for (const auto& text : denyOnlySids)
-    {
-        PSID sid = nullptr;
-        if (!ConvertStringSidToSidW(text.c_str(), &sid))
-            return ATL::CHandle();
-        sids.emplace_back(sid);
-        disabled.push_back({sid, 0});
-    }
+    std::vector<SID_AND_ATTRIBUTES> denied;
     std::vector<LUID_AND_ATTRIBUTES> removed(removedPrivileges.size());
+    PSID sid = nullptr;
+    for (const auto& text : denyOnlySids)
+        if (ConvertStringSidToSidW(text.c_str(), &sid))
+            sids.emplace_back(sid), denied.push_back({sid, 0});
+    bool known = denied.size() == denyOnlySids.size();
     for (size_t i = 0; i < removed.size(); ++i)
-        if (!LookupPrivilegeValueW(nullptr, removedPrivileges[i].c_str(), &removed[i].Luid))
-            return ATL::CHandle();
+        known = known && LookupPrivilegeValueW(nullptr, removedPrivileges[i].c_str(), &removed[i].Luid);
     HANDLE source = nullptr, restricted = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &source))
-        return ATL::CHandle();
-    ATL::CHandle owner(source);
-    CreateRestrictedToken(source, 0, static_cast<DWORD>(disabled.size()), disabled.data(),
-                          static_cast<DWORD>(removed.size()), removed.data(), 0, nullptr, &restricted);
+    if (known && OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &source))
+        CreateRestrictedToken(ATL::CHandle(source), 0, static_cast<DWORD>(denied.size()), denied.data(),
+                              static_cast<DWORD>(removed.size()), removed.data(), 0, nullptr, &restricted);
     return ATL::CHandle(restricted);
 }
 
@@ -82,16 +89,13 @@ DWORD PrivilegeAttributes(HANDLE token, const wchar_t* name)
 {
     LUID luid = {};
     DWORD error = 0;
-    auto info = TokenInfo(token, TokenPrivileges, error);
+    const auto info = TokenInfo(token, TokenPrivileges, error);
     if (info.empty() || !LookupPrivilegeValueW(nullptr, name, &luid))
         return 0xFFFFFFFF;
     const auto* privileges = reinterpret_cast<const TOKEN_PRIVILEGES*>(info.data());
     for (DWORD i = 0; i < privileges->PrivilegeCount; ++i)
-    {
-        const LUID& held = privileges->Privileges[i].Luid;
-        if (held.LowPart == luid.LowPart && held.HighPart == luid.HighPart)
+        if (privileges->Privileges[i].Luid.LowPart == luid.LowPart && privileges->Privileges[i].Luid.HighPart == luid.HighPart)
             return privileges->Privileges[i].Attributes;
-    }
     return 0xFFFFFFFF;
 }
 
@@ -99,9 +103,7 @@ std::wstring DescribeToken(HANDLE token)
 {
     DWORD error = 0;
     const auto user = TokenInfo(token, TokenUser, error);
-    std::vector<BYTE> groupInfo;
-    if (error == 0)
-        groupInfo = TokenInfo(token, TokenGroups, error);
+    const auto groupInfo = error == 0 ? TokenInfo(token, TokenGroups, error) : std::vector<BYTE>();
     if (error != 0)
         return L"<error " + std::to_wstring(error) + L">";
     std::wstring text = L"user " + SidText(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid) + L"; groups";
@@ -123,22 +125,6 @@ std::wstring DescribeImpersonation(HANDLE thread)
     return DescribeToken(ATL::CHandle(token));
 }
 
-namespace
-{
-// The object type of a handle ("File", "Event", ...), or "?" when it cannot be read.
-std::wstring HandleType(HANDLE handle)
-{
-    using QueryObject = LONG(WINAPI*)(HANDLE, int, void*, ULONG, ULONG*);
-    static const auto query = reinterpret_cast<QueryObject>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    alignas(8) BYTE buffer[512] = {};
-    const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer);
-    if (query == nullptr || query(handle, 2 /* type */, buffer, sizeof buffer, nullptr) < 0)
-        return L"?";
-    return std::wstring(name->Buffer, name->Length / sizeof(wchar_t));
-}
-} // namespace
-
 size_t OpenHandleCount(const std::vector<std::wstring>& types)
 {
     // Handles are multiples of 4; the probe ends after 1,024 free slots in a row.
@@ -147,36 +133,24 @@ size_t OpenHandleCount(const std::vector<std::wstring>& types)
     for (uintptr_t slot = 4, freeInARow = 0; freeInARow < 1024; slot += 4)
     {
         const HANDLE handle = reinterpret_cast<HANDLE>(slot);
-        if (!GetHandleInformation(handle, &flags))
-        {
-            ++freeInARow;
-            continue;
-        }
-        freeInARow = 0;
-        if (types.empty())
-            ++count;
-        else
-        {
-            const std::wstring type = HandleType(handle);
-            count += type == L"?" || std::find(types.begin(), types.end(), type) != types.end();
-        }
+        const bool open = GetHandleInformation(handle, &flags);
+        const std::wstring type = open && !types.empty() ? HandleType(handle) : L"?";
+        freeInARow = open ? 0 : freeInARow + 1;
+        count += open && (type == L"?" || std::find(types.begin(), types.end(), type) != types.end());
     }
     return count;
 }
 
 ChildProcess::ChildProcess(HANDLE token)
 {
-    // A start that fails on a loaded machine (the process is not created, or
-    // ends before it says it is ready) is tried again.
     for (int attempt = 0; attempt < 3 && !m_ready; ++attempt)
     {
-        if (attempt > 0)
-            Sleep(200);
-        Forget();
+        Finish();
+        m_process.Close();
+        Sleep(attempt * 200);
         SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
         ATL::CHandle childInput, output, childOutput;
-        if (!CreatePipe(&childInput.m_h, &m_input.m_h, &inherit, 0) ||
-            !CreatePipe(&output.m_h, &childOutput.m_h, &inherit, 0))
+        if (!CreatePipe(&childInput.m_h, &m_input.m_h, &inherit, 0) || !CreatePipe(&output.m_h, &childOutput.m_h, &inherit, 0))
             continue;
         SetHandleInformation(m_input, HANDLE_FLAG_INHERIT, 0);
         SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
@@ -186,25 +160,18 @@ ChildProcess::ChildProcess(HANDLE token)
         si.hStdOutput = si.hStdError = childOutput;
         std::wstring commandLine = L"\"" + HelperPath(L"qxtoken_child.exe") + L"\"";
         PROCESS_INFORMATION pi{};
-        if (token != nullptr ? !CreateProcessAsUserW(token, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                                     nullptr, &si, &pi)
+        if (token != nullptr ? !CreateProcessAsUserW(token, nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi)
                              : !CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
             continue;
         m_process.Attach(pi.hProcess);
-        m_thread.Attach(pi.hThread);
+        CloseHandle(pi.hThread);
         m_pid = pi.dwProcessId;
         childOutput.Close();
         char line[64] = {};
         DWORD read = 0;
-        unsigned long pid = 0, tid = 0;
-        m_ready = ReadFile(output, line, sizeof line - 1, &read, nullptr) &&
-                  std::sscanf(line, "ready %lu %lu", &pid, &tid) == 2 && pid == m_pid;
+        unsigned long pid = 0;
+        m_ready = ReadFile(output, line, sizeof line - 1, &read, nullptr) && std::sscanf(line, "ready %lu", &pid) == 1 && pid == m_pid;
     }
-}
-
-ChildProcess::~ChildProcess()
-{
-    Finish();
 }
 
 DWORD ChildProcess::Finish()
@@ -217,12 +184,5 @@ DWORD ChildProcess::Finish()
         TerminateProcess(m_process, 0xDEAD);
     GetExitCodeProcess(m_process, &code);
     return code;
-}
-
-void ChildProcess::Forget()
-{
-    Finish();
-    m_thread.Close();
-    m_process.Close();
 }
 } // namespace QXTest
