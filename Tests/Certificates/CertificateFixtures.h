@@ -1,7 +1,6 @@
 #pragma once
-// The fixtures the build makes (Fixtures/make-fixtures.sh) and the machine
-// trust they need, for any suite (and qxbench) that depends on the
-// qxcert_fixtures target, links crypt32 and holds a TestRootTrust to verify.
+// The fixtures the build makes (Fixtures/make-fixtures.sh) and the machine trust they need, for any
+// suite (and qxbench) that depends on qxcert_fixtures, links crypt32 and holds a TestRootTrust.
 
 #include <windows.h>
 #include <wincrypt.h>
@@ -27,10 +26,7 @@ inline std::vector<BYTE> ReadBytes(const std::wstring& path)
     return std::vector<BYTE>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline bool OnWine()
-{
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
+inline bool OnWine() { return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr; }
 
 // While alive, the machine's registry stores (the user's ROOT store would ask
 // the user on Windows) trust root.cer and know other-root.cer untrusted (CA),

@@ -8,6 +8,7 @@
 #include "QXCommon/DigitalCertificateUI.h"
 #include "QXCommon/VerifySignedFile.h"
 
+#include <fmt/xchar.h>
 #include <gtest/gtest.h>
 
 #include <atlsecurity.h>
@@ -36,11 +37,7 @@ const char* const VerifyFn = "QXCommon::VerifySignedFile::Verify";
 const QXTest::Certs::TestRootTrust rootTrust;
 
 // Runs `undo` when the scope ends.
-struct Finally : QXTest::NoCopy
-{
-    std::function<void()> undo;
-    ~Finally() { undo(); }
-};
+struct Finally : QXTest::NoCopy { std::function<void()> undo; ~Finally() { undo(); } };
 
 std::wstring TakeBstr(BSTR text)
 {
@@ -50,12 +47,7 @@ std::wstring TakeBstr(BSTR text)
 
 ULONGLONG Ticks(FILETIME time) { return (static_cast<ULONGLONG>(time.dwHighDateTime) << 32) | time.dwLowDateTime; }
 
-std::wstring Hex(HRESULT value)
-{
-    wchar_t text[16];
-    swprintf(text, 16, L"%X", static_cast<unsigned>(value));
-    return text;
-}
+std::wstring Hex(HRESULT value) { return fmt::format(L"{:X}", static_cast<unsigned>(value)); }
 
 // A fixture's certificate: a .cer file's, or a signed file's first signer.
 CDigitalCertificate Cert(const std::wstring& name)
@@ -66,12 +58,40 @@ CDigitalCertificate Cert(const std::wstring& name)
     return certificate;
 }
 
-class SignedFile : public ::testing::Test
+struct SignedFile : ::testing::Test
 {
-protected:
     void SetUp() override { ASSERT_TRUE(rootTrust.Ok() && token.GetProcessToken(TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_IMPERSONATE)); }
     ATL::CAccessToken token;
 };
+
+HWND MakeWindow() { return CreateWindowExW(0, L"STATIC", L"qxtest", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, nullptr, nullptr, nullptr, nullptr); }
+
+// Runs show(ui) on a thread whose window is the UI's parent and closes the
+// first window of this process titled `title` (waiting 40 s at most); true
+// when it appeared owned by that parent (Wine's viewer takes no owner).
+bool ShowAndClose(const wchar_t* title, UINT close, WPARAM parameter, const std::function<void(QXCommon::CDigitalCertificateUI&)>& show)
+{
+    std::atomic<HWND> parent{nullptr};
+    std::atomic<bool> done{false};
+    std::thread thread([&] {
+        QXCommon::CDigitalCertificateUI ui;
+        ui.SetParentWnd(parent = MakeWindow());
+        show(ui);
+        DestroyWindow(parent);
+        done = true;
+    });
+    bool appeared = false;
+    for (int i = 0; i < 800 && !done; ++i, Sleep(50))
+    {
+        DWORD process = 0;
+        HWND window = FindWindowW(nullptr, title);
+        if (!appeared && GetWindowThreadProcessId(window, &process) != 0 && process == GetCurrentProcessId())
+            appeared = PostMessageW(window, close, parameter, 0) && (GetWindow(window, GW_OWNER) == parent || OnWine());
+    }
+    EXPECT_TRUE(done) << "the dialog did not close";
+    done ? thread.join() : thread.detach();
+    return appeared;
+}
 } // namespace
 
 // Every reference the object takes is given back: a memory store closed with
@@ -281,8 +301,7 @@ TEST_F(SignedFile, OpensAsUserOrByPath)
 // be megabytes).
 TEST_F(SignedFile, CExportsAndNoLeaks)
 {
-    const std::unique_ptr<CDigitalCertificate, decltype(&DeleteDigitalCertificateObject)> object(CreateDigitalCertificateObject(),
-                                                                                                 &DeleteDigitalCertificateObject);
+    const std::unique_ptr<CDigitalCertificate, decltype(&DeleteDigitalCertificateObject)> object(CreateDigitalCertificateObject(), &DeleteDigitalCertificateObject);
     ASSERT_NE(nullptr, object);
     const CDigitalCertificate signer = Cert(L"signed.exe");
     auto read = [&](CDigitalCertificate* target, const char* path, bool withSize) {
@@ -298,8 +317,7 @@ TEST_F(SignedFile, CExportsAndNoLeaks)
     const std::string narrowPath = QXTest::Narrow(signedPath); // ASCII
     EXPECT_FALSE(read(nullptr, narrowPath.c_str(), true) || read(object.get(), nullptr, true) ||
                  read(object.get(), narrowPath.c_str(), false) || read(object.get(), QXTest::Narrow(FixturePath(L"missing.exe")).c_str(), true));
-    ReleaseCertificateData(nullptr);
-    DeleteDigitalCertificateObject(nullptr);
+    ReleaseCertificateData(nullptr), DeleteDigitalCertificateObject(nullptr);
 
     VerifySignedFile policy(false, NoRevocation, false);
     PROCESS_MEMORY_COUNTERS_EX before = {}, after = {};
@@ -307,10 +325,7 @@ TEST_F(SignedFile, CExportsAndNoLeaks)
     for (int i = -1; i < 1000 && !HasFailure(); ++i) // the first round warms the platform's caches
     {
         if (i == 0)
-        {
-            GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&before), sizeof(before));
-            slot = QXTest::NextHandleSlot();
-        }
+            GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&before), sizeof(before)), slot = QXTest::NextHandleSlot();
         BYTE* raw = nullptr;
         DWORD size = 0;
         EXPECT_TRUE(read(object.get(), narrowPath.c_str(), true) && object->ReadFromCERFile(FixturePath(L"signer.cer")) == 0 &&
@@ -337,43 +352,6 @@ TEST_F(SignedFile, CExportsAndNoLeaks)
     EXPECT_TRUE(read(object.get(), narrow, true));
 }
 
-namespace
-{
-HWND MakeWindow()
-{
-    return CreateWindowExW(0, L"STATIC", L"qxtest", WS_OVERLAPPEDWINDOW, 0, 0, 100, 100, nullptr, nullptr, nullptr, nullptr);
-}
-
-// Runs show(ui) on a thread whose window is the UI's parent and closes the
-// first window of this process titled `title` (waiting 40 s at most); true
-// when it appeared owned by that parent (Wine's viewer takes no owner).
-bool ShowAndClose(const wchar_t* title, UINT close, WPARAM parameter, const std::function<void(QXCommon::CDigitalCertificateUI&)>& show)
-{
-    std::atomic<HWND> parent{nullptr};
-    std::atomic<bool> done{false};
-    std::thread thread([&] {
-        QXCommon::CDigitalCertificateUI ui;
-        ui.SetParentWnd(parent = MakeWindow());
-        show(ui);
-        DestroyWindow(parent);
-        done = true;
-    });
-    bool appeared = false;
-    for (int i = 0; i < 800 && !done; ++i, Sleep(50))
-    {
-        DWORD process = 0;
-        HWND window = FindWindowW(nullptr, title);
-        if (!appeared && GetWindowThreadProcessId(window, &process) != 0 && process == GetCurrentProcessId())
-        {
-            appeared = GetWindow(window, GW_OWNER) == parent || OnWine();
-            PostMessageW(window, close, parameter, 0);
-        }
-    }
-    EXPECT_TRUE(done) << "the dialog did not close";
-    done ? thread.join() : thread.detach();
-    return appeared;
-}
-} // namespace
 
 // The viewer and the pickers, shown for real where the platform can.
 TEST(CertificateDialogs, ViewerAndPickers)
@@ -384,8 +362,7 @@ TEST(CertificateDialogs, ViewerAndPickers)
     EXPECT_LOGGED(log, 1, "QXCommon::CDigitalCertificateUI::ViewCertificate", L"No certificate to view - error 87\n");
     EXPECT_TRUE(ui.SelectCertificateFromFileStore(FixturePath(L"missing.cer")) == nullptr && ui.ShowSelectionUI(nullptr) == nullptr);
     EXPECT_TRUE(log.HasFragment(L"Failed to CertOpenStore [") && log.HasFragment(L"No store to select from")) << log.Dump();
-    HWND probe = MakeWindow();
-    if (probe == nullptr || !DestroyWindow(probe))
+    if (HWND probe = MakeWindow(); probe == nullptr || !DestroyWindow(probe))
         GTEST_SKIP() << "no display driver here: top-level windows cannot be created";
     const CDigitalCertificate signer = Cert(L"signed.exe");
     EXPECT_TRUE(ShowAndClose(L"Certificate", WM_CLOSE, 0, [&](auto& ui) { ui.ViewCertificate(signer); }));

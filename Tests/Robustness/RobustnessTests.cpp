@@ -169,6 +169,49 @@ bool GlobReference(const std::wstring& glob, const std::wstring& text)
     }
     return row[text.size()] != 0;
 }
+
+// A FIFO at path, made on the Unix side of Wine by the kernel's own mknodat
+// and removed by its unlinkat (Windows has no call that makes one, and Wine
+// deletes no special file). None (made false) unless under Wine on Linux.
+struct UnixFifo : QXTest::NoCopy
+{
+    explicit UnixFifo(const std::wstring& at) : path(at)
+    {
+        const auto unixName = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+        const auto host = reinterpret_cast<void(CDECL*)(const char**, const char**)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_host_version")));
+        const char *system = "", *release = "";
+        host != nullptr ? host(&system, &release) : void();
+        char* name = unixName != nullptr && std::strcmp(system, "Linux") == 0 ? unixName(path.c_str()) : nullptr;
+        unixPath = name != nullptr ? name : "";
+        HeapFree(GetProcessHeap(), 0, name);
+        made = !unixPath.empty() && At(259 /* mknodat */, 010000 | 0600 /* S_IFIFO */) == 0;
+    }
+    ~UnixFifo() { made && At(263 /* unlinkat */, 0); }
+    // The system call (AT_FDCWD, unixPath, third, 0).
+    long long At(long long number, long long third) const
+    {
+        long long result = 0;
+        register long long fourth __asm__("r10") = 0;
+        __asm__ volatile("syscall" : "=a"(result) : "a"(number), "D"(-100LL), "S"(unixPath.c_str()), "d"(third), "r"(fourth)
+                         : "rcx", "r11", "memory");
+        return result;
+    }
+    std::wstring path;
+    std::string unixPath;
+    bool made = false;
+};
+
+// The largest buffer the library hands ImageGetCertificateData, seen at its import.
+std::atomic<DWORD> largestCertificateBuffer{0};
+BOOL WINAPI WatchedCertificateData(HANDLE file, DWORD index, LPWIN_CERTIFICATE certificate, PDWORD length)
+{
+    largestCertificateBuffer = std::max<DWORD>(largestCertificateBuffer, certificate != nullptr ? *length : 0);
+    static const auto real = reinterpret_cast<decltype(&ImageGetCertificateData)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"imagehlp.dll"), "ImageGetCertificateData")));
+    return real(file, index, certificate, length);
+}
 } // namespace
 
 // Parse result, error code and answer equal std::regex's ECMAScript search on
@@ -434,43 +477,6 @@ TEST(Findings, NonAsciiCharactersAreLiteralsOnEveryThread)
     EXPECT_EQ(regex.GetLastRxErrorCode(), static_cast<int>(std::regex_constants::error_badbrace));
 }
 
-namespace
-{
-// A FIFO at path, made on the Unix side of Wine by the kernel's own mknodat
-// and removed by its unlinkat (Windows has no call that makes one, and Wine
-// deletes no special file). None (made false) unless under Wine on Linux.
-struct UnixFifo : QXTest::NoCopy
-{
-    explicit UnixFifo(const std::wstring& at) : path(at)
-    {
-        const auto unixName = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-        const auto host = reinterpret_cast<void(CDECL*)(const char**, const char**)>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_host_version")));
-        const char *system = "", *release = "";
-        if (host != nullptr)
-            host(&system, &release);
-        char* name = unixName != nullptr && std::strcmp(system, "Linux") == 0 ? unixName(path.c_str()) : nullptr;
-        unixPath = name != nullptr ? name : "";
-        HeapFree(GetProcessHeap(), 0, name);
-        made = !unixPath.empty() && At(259 /* mknodat */, 010000 | 0600 /* S_IFIFO */) == 0;
-    }
-    ~UnixFifo() { made && At(263 /* unlinkat */, 0); }
-    // The system call (AT_FDCWD, unixPath, third, 0).
-    long long At(long long number, long long third) const
-    {
-        long long result = 0;
-        register long long fourth __asm__("r10") = 0;
-        __asm__ volatile("syscall" : "=a"(result) : "a"(number), "D"(-100LL), "S"(unixPath.c_str()), "d"(third), "r"(fourth)
-                         : "rcx", "r11", "memory");
-        return result;
-    }
-    std::wstring path;
-    std::string unixPath;
-    bool made = false;
-};
-} // namespace
-
 // Devices, pipes and FIFOs are not disk files: no image, no hash and no
 // checksum (never the empty file's), answered at once without a read, by
 // path and by a caller's handle. A device this machine lacks gets its open's
@@ -521,19 +527,6 @@ TEST(Findings, DevicesAndPipesAreNoFiles)
         EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
     }, [&](size_t i) { return i < devices.size() ? Narrow(devices[i]) : std::string("an anonymous pipe's handle"); }, 5000);
 }
-
-namespace
-{
-// The largest buffer the library hands ImageGetCertificateData, seen at its import.
-std::atomic<DWORD> largestCertificateBuffer{0};
-BOOL WINAPI WatchedCertificateData(HANDLE file, DWORD index, LPWIN_CERTIFICATE certificate, PDWORD length)
-{
-    largestCertificateBuffer = std::max<DWORD>(largestCertificateBuffer, certificate != nullptr ? *length : 0);
-    static const auto real = reinterpret_cast<decltype(&ImageGetCertificateData)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"imagehlp.dll"), "ImageGetCertificateData")));
-    return real(file, index, certificate, length);
-}
-} // namespace
 
 // Certificate tables: the entries of intact ones, each padded to 8 bytes, are
 // the table that ends the file. Malformed ones (in the signed image: an entry

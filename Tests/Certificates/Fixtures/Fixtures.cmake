@@ -1,7 +1,6 @@
-# Signed-file fixtures, made at build time from nothing (no network) by
-# make-fixtures.sh with openssl and osslsigncode into bin/certs beside the
-# tests (the script lists them). A suite that uses them depends on
-# qxcert_fixtures and reads them from <folder of the test program>\certs.
+# Signed-file fixtures (make-fixtures.sh lists them), made at build time without network by openssl
+# and osslsigncode into bin/certs: a suite that uses them depends on qxcert_fixtures and reads them
+# from <folder of the test program>\certs.
 find_program(QX_OPENSSL openssl NO_CMAKE_FIND_ROOT_PATH)
 find_program(QX_OSSLSIGNCODE osslsigncode NO_CMAKE_FIND_ROOT_PATH)
 find_program(QX_SH sh NO_CMAKE_FIND_ROOT_PATH)
