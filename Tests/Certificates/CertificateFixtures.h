@@ -1,9 +1,6 @@
 #pragma once
-// The certificate and signed-file fixtures that the build makes (listed in
-// Fixtures/make-fixtures.sh) and the machine trust they need. Header only:
-// other suites (and qxbench) may include it; they depend on the
-// qxcert_fixtures target, link crypt32 and hold a TestRootTrust while they
-// verify.
+// The fixtures the build makes (Fixtures/make-fixtures.sh) and the machine trust they need, for any
+// suite (and qxbench) that depends on qxcert_fixtures, links crypt32 and holds a TestRootTrust.
 
 #include <windows.h>
 #include <wincrypt.h>
@@ -29,47 +26,34 @@ inline std::vector<BYTE> ReadBytes(const std::wstring& path)
     return std::vector<BYTE>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline bool OnWine()
-{
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
+inline bool OnWine() { return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr; }
 
-// While alive, the fixtures' root (root.cer) is trusted by the machine (its
-// ROOT store) and the second root (other-root.cer) is known but not trusted
-// (its CA store), so that the untrusted leaf's chain ends in an untrusted root
-// rather than at an unknown issuer. Both go through the machine's registry
-// stores (adding to the user's ROOT store asks the user on Windows), which
-// the platform writes when they are closed, and are removed on destruction.
+// While alive, the machine's registry stores (the user's ROOT store would ask
+// the user on Windows) trust root.cer and know other-root.cer untrusted (CA),
+// so that the untrusted leaf's chain ends in an untrusted root rather than at
+// an unknown issuer.
 class TestRootTrust
 {
 public:
     TestRootTrust() : m_ok(Change(L"ROOT", L"root.cer", true) && Change(L"CA", L"other-root.cer", true)) {}
-    ~TestRootTrust()
-    {
-        Change(L"ROOT", L"root.cer", false);
-        Change(L"CA", L"other-root.cer", false);
-    }
+    ~TestRootTrust() { Change(L"ROOT", L"root.cer", false); Change(L"CA", L"other-root.cer", false); }
     TestRootTrust(const TestRootTrust&) = delete;
     TestRootTrust& operator=(const TestRootTrust&) = delete;
-
     bool Ok() const { return m_ok; }
 
 private:
+    // Adds the certificate, or deletes the copy that an add "using existing" hands back.
     static bool Change(const wchar_t* storeName, const wchar_t* file, bool add)
     {
-        const std::vector<BYTE> bytes = ReadBytes(FixturePath(file));
-        PCCERT_CONTEXT certificate =
-            CertCreateCertificateContext(X509_ASN_ENCODING, bytes.data(), static_cast<DWORD>(bytes.size()));
+        const std::vector<BYTE> der = ReadBytes(FixturePath(file));
         HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_REGISTRY_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, storeName);
-        PCCERT_CONTEXT found = certificate == nullptr || store == nullptr || add ? nullptr
-            : CertFindCertificateInStore(store, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, certificate, nullptr);
-        const bool done = add ? certificate != nullptr && store != nullptr &&
-                                    CertAddCertificateContextToStore(store, certificate, CERT_STORE_ADD_REPLACE_EXISTING, nullptr)
-                              : found != nullptr && CertDeleteCertificateFromStore(found); // frees found
+        PCCERT_CONTEXT stored = nullptr;
+        const bool done = store != nullptr &&
+                          CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size()),
+                                                           add ? CERT_STORE_ADD_REPLACE_EXISTING : CERT_STORE_ADD_USE_EXISTING, &stored) &&
+                          (add ? CertFreeCertificateContext(stored) : CertDeleteCertificateFromStore(stored)); // either frees it
         if (store != nullptr)
             CertCloseStore(store, 0);
-        if (certificate != nullptr)
-            CertFreeCertificateContext(certificate);
         return done;
     }
 

@@ -29,16 +29,6 @@ std::string Image(size_t size, uint32_t lfanew, int64_t peAt = -1, const char* m
         std::memcpy(bytes.data() + peAt, "PE\0\0", 4);
     return bytes;
 }
-
-// What opening `path` for reading as the check does fails with (0: it opens).
-DWORD OpenErrorOf(const std::wstring& path)
-{
-    HANDLE probe = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (probe == INVALID_HANDLE_VALUE)
-        return GetLastError();
-    CloseHandle(probe);
-    return 0;
-}
 } // namespace
 
 // Headers far into a file are in sparse files (nothing on disk): "PE\0\0"
@@ -90,42 +80,17 @@ TEST(NTImage, CraftedHeaders)
     }
 }
 
-// Images of the prefix and the running programs: the check opens for reading
+// Images of the prefix and the library itself: the check opens for reading
 // and shares reading, so a running image is readable.
 TEST(NTImage, RealImages)
 {
-    wchar_t system[MAX_PATH] = {}, self[MAX_PATH] = {};
-    ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH) * GetModuleFileNameW(nullptr, self, MAX_PATH), 0u);
+    wchar_t system[MAX_PATH] = {};
+    ASSERT_NE(GetSystemDirectoryW(system, MAX_PATH), 0u);
     for (const std::wstring& path : {std::wstring(system) + L"\\kernel32.dll", std::wstring(system) + L"\\notepad.exe",
-                                     std::wstring(self), QXTest::ModuleDir() + L"\\QXCommon.dll"})
+                                     QXTest::ModuleDir() + L"\\QXCommon.dll"})
     {
         BOOL isNTExe = FALSE;
-        EXPECT_EQ(TryCheckIsNTExe(path, isNTExe), 0u) << QXTest::Narrow(path);
-        EXPECT_TRUE(isNTExe && IsNTExeOrAccessRestricted(path) == 1) << QXTest::Narrow(path);
-    }
-}
-
-// What cannot be opened is no image, with the open's error. A folder, which
-// the system refuses to open as a file, takes the access-denied branch.
-TEST(NTImage, MissingPathsAndFolders)
-{
-    QXTest::TempDir dir;
-    const std::wstring folder = dir.MakeDir(L"sub");
-    const std::pair<std::wstring, DWORD> cases[] = {{dir.File(L"absent.exe"), ERROR_FILE_NOT_FOUND},
-                                                    {dir.File(L"no\\such\\folder.exe"), ERROR_PATH_NOT_FOUND},
-                                                    {folder, ERROR_ACCESS_DENIED}, {L"", OpenErrorOf(L"")}};
-    for (const auto& [path, error] : cases)
-    {
-        QXTest::LogCapture capture;
-        BOOL isNTExe = FALSE;
-        EXPECT_EQ(TryCheckIsNTExe(path, isNTExe), error) << QXTest::Narrow(path);
-        EXPECT_LOGGED(capture, 1, TryCheck, L"CreateFileW() error " + std::to_wstring(error) + L".\n");
-        EXPECT_EQ(IsNTExeOrAccessRestricted(path), 0);
-        EXPECT_LOGGED(capture, 1, Restricted, L"Check Failed.\n");
-        if (path == folder)
-            EXPECT_LOGGED(capture, 4, Restricted, L"Item is Directory [" + path + L"].\n");
-        else
-            EXPECT_LOGGED(capture, 1, Restricted, L"Failed to check item [" + path + L"]. Error [" + std::to_wstring(error) + L"].\n");
+        EXPECT_TRUE(TryCheckIsNTExe(path, isNTExe) == 0 && isNTExe && IsNTExeOrAccessRestricted(path) == 1) << QXTest::Narrow(path);
     }
 }
 
@@ -143,20 +108,34 @@ HANDLE WINAPI CreateFileRefusing(LPCWSTR path, DWORD access, DWORD share, LPSECU
 }
 } // namespace
 
-// A file refused for lack of rights is an image to the caller (1); an item
-// whose attributes cannot be read either is not.
-TEST(NTImage, RefusedFileIsAccessRestricted)
+// What cannot be opened is no image, with the open's error, but for a file
+// refused for lack of rights: that is one to the caller. A folder, which the
+// system refuses to open as a file, and an item whose attributes cannot be
+// read either are not.
+TEST(NTImage, PathsThatCannotBeOpened)
 {
     QXTest::ImportPatch patch(L"QXCommon.dll", "kernel32.dll", "CreateFileW", (void*)&CreateFileRefusing);
     ASSERT_TRUE(patch.Installed());
     QXTest::TempDir dir;
-    const std::wstring file = dir.Write(L"denied.exe", Image(0x200, 0x40, 0x40)), missing = dir.File(L"denied.dll");
-    QXTest::LogCapture capture;
-    BOOL isNTExe = FALSE;
-    EXPECT_EQ(TryCheckIsNTExe(file, isNTExe), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-    EXPECT_LOGGED(capture, 1, TryCheck, L"CreateFileW() error 5.\n");
-    EXPECT_EQ(IsNTExeOrAccessRestricted(file), 1);
-    EXPECT_LOGGED(capture, 4, Restricted, L"Access Denied to item [" + file + L"].\n");
-    EXPECT_EQ(IsNTExeOrAccessRestricted(missing), 0);
-    EXPECT_LOGGED(capture, 1, Restricted, L"Unable to check file attributes of [" + missing + L"]. Error [2].\n");
+    const std::wstring folder = dir.MakeDir(L"sub"), denied = dir.Write(L"denied.exe", Image(0x200, 0x40, 0x40));
+    const std::wstring absent = dir.File(L"absent.exe"), noFolder = dir.File(L"no\\such\\folder.exe"), gone = dir.File(L"denied.dll");
+    const struct { std::wstring path; DWORD error; int answer, level; std::wstring logText; } cases[] = {
+        {absent, ERROR_FILE_NOT_FOUND, 0, 1, L"Failed to check item [" + absent + L"]. Error [2].\n"},
+        {noFolder, ERROR_PATH_NOT_FOUND, 0, 1, L"Failed to check item [" + noFolder + L"]. Error [3].\n"},
+        {L"", ERROR_PATH_NOT_FOUND, 0, 1, L"Failed to check item []. Error [3].\n"},
+        {folder, ERROR_ACCESS_DENIED, 0, 4, L"Item is Directory [" + folder + L"].\n"},
+        {denied, ERROR_ACCESS_DENIED, 1, 4, L"Access Denied to item [" + denied + L"].\n"},
+        {gone, ERROR_ACCESS_DENIED, 0, 1, L"Unable to check file attributes of [" + gone + L"]. Error [2].\n"},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(QXTest::Narrow(c.path));
+        QXTest::LogCapture capture;
+        BOOL isNTExe = FALSE;
+        EXPECT_EQ(TryCheckIsNTExe(c.path, isNTExe), c.error);
+        EXPECT_LOGGED(capture, 1, TryCheck, L"CreateFileW() error " + std::to_wstring(c.error) + L".\n");
+        EXPECT_EQ(IsNTExeOrAccessRestricted(c.path), c.answer);
+        EXPECT_LOGGED(capture, 1, Restricted, L"Check Failed.\n");
+        EXPECT_LOGGED(capture, c.level, Restricted, c.logText);
+    }
 }

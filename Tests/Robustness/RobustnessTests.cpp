@@ -1,9 +1,11 @@
 // Seeded hostile input against invariants, on a 256 KiB stack (a hooked
 // process's); then the smallest inputs of known hostile cases.
 
+#include "../Certificates/CertificateFixtures.h"
 #include "QXTestSupport.h"
 
 #include "QXCommon/DataLoader.h"
+#include "QXCommon/DigitalCertificate.h"
 #include "QXCommon/EnvironmentEx.h"
 #include "QXCommon/ExpandArgs.h"
 #include "QXCommon/FilePathPatternMatcher.h"
@@ -15,6 +17,9 @@
 
 #include <gtest/gtest.h>
 
+#include <imagehlp.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -23,6 +28,7 @@
 #include <regex>
 #include <thread>
 
+using QXCommon::CDigitalCertificate;
 using QXCommon::CEnvironmentEx;
 using QXCommon::CFilePathPatternMatcher;
 using QXCommon::RegExHelpers::CQXRegEx;
@@ -37,14 +43,12 @@ unsigned Seed()
     return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 0)) : 0x5EED1u;
 }
 
-class Gen
+struct Gen
 {
-public:
-    explicit Gen(unsigned salt) : m_rng(Seed() ^ (salt * 0x9E3779B9u)) {}
-    size_t Below(size_t n) { return n == 0 ? 0 : std::uniform_int_distribution<size_t>(0, n - 1)(m_rng); }
+    explicit Gen(unsigned salt) : rng(Seed() ^ (salt * 0x9E3779B9u)) {}
+    size_t Below(size_t n) { return n == 0 ? 0 : std::uniform_int_distribution<size_t>(0, n - 1)(rng); }
     bool Chance(unsigned percent) { return Below(100) < percent; }
-    template <size_t N>
-    const wchar_t* Pick(const wchar_t* const (&items)[N]) { return items[Below(N)]; }
+    template <size_t N> const wchar_t* Pick(const wchar_t* const (&items)[N]) { return items[Below(N)]; }
     wchar_t PickChar(const std::wstring& chars) { return chars[Below(chars.size())]; }
     // Weighted toward what path, rule and command-line parsers treat
     // specially, non-ASCII look-alikes of metacharacters and lone surrogates.
@@ -70,22 +74,16 @@ public:
             path += HostileText(6) + (Chance(80) ? L"\\" : (Chance(50) ? L"/" : L"\\\\"));
         return path + HostileText(6);
     }
-
-private:
-    std::mt19937 m_rng;
+    std::mt19937 rng;
 };
 
 // Runs input(i) for every i below count on one thread with a 256 KiB stack.
 // A call that has not returned after hangMs fails the test with label(i);
 // the thread is left behind and ends with the process.
-void OnSmallStack(size_t count, const std::function<void(size_t)>& input,
-                  const std::function<std::string(size_t)>& label, DWORD hangMs = 10000)
+void OnSmallStack(size_t count, const std::function<void(size_t)>& input, const std::function<std::string(size_t)>& label, DWORD hangMs = 10000)
 {
     std::atomic<size_t> current{0};
-    auto run = [&] {
-        for (size_t i = 0; i < count; ++i)
-            input(current = i);
-    };
+    auto run = [&] { for (size_t i = 0; i < count; ++i) input(current = i); };
     using Run = decltype(run);
     HANDLE thread = CreateThread(nullptr, 256 * 1024, [](void* job) -> DWORD { return (*static_cast<Run*>(job))(), 0; }, &run,
                                  STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
@@ -109,10 +107,7 @@ std::wstring Replace(std::wstring text, wchar_t from, const std::wstring& to)
     return text;
 }
 
-std::wstring Repeat(const std::wstring& unit, size_t count)
-{
-    return Replace(std::wstring(count, L'#'), L'#', unit);
-}
+std::wstring Repeat(const std::wstring& unit, size_t count) { return Replace(std::wstring(count, L'#'), L'#', unit); }
 
 // An expression of a few atoms, nested a little; 'P' is a literal placeholder.
 // With classes it uses \w \d \s \b, ranges and dots (ASCII only). Inside a
@@ -174,6 +169,49 @@ bool GlobReference(const std::wstring& glob, const std::wstring& text)
     }
     return row[text.size()] != 0;
 }
+
+// A FIFO at path, made on the Unix side of Wine by the kernel's own mknodat
+// and removed by its unlinkat (Windows has no call that makes one, and Wine
+// deletes no special file). None (made false) unless under Wine on Linux.
+struct UnixFifo : QXTest::NoCopy
+{
+    explicit UnixFifo(const std::wstring& at) : path(at)
+    {
+        const auto unixName = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+        const auto host = reinterpret_cast<void(CDECL*)(const char**, const char**)>(
+            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_host_version")));
+        const char *system = "", *release = "";
+        host != nullptr ? host(&system, &release) : void();
+        char* name = unixName != nullptr && std::strcmp(system, "Linux") == 0 ? unixName(path.c_str()) : nullptr;
+        unixPath = name != nullptr ? name : "";
+        HeapFree(GetProcessHeap(), 0, name);
+        made = !unixPath.empty() && At(259 /* mknodat */, 010000 | 0600 /* S_IFIFO */) == 0;
+    }
+    ~UnixFifo() { made && At(263 /* unlinkat */, 0); }
+    // The system call (AT_FDCWD, unixPath, third, 0).
+    long long At(long long number, long long third) const
+    {
+        long long result = 0;
+        register long long fourth __asm__("r10") = 0;
+        __asm__ volatile("syscall" : "=a"(result) : "a"(number), "D"(-100LL), "S"(unixPath.c_str()), "d"(third), "r"(fourth)
+                         : "rcx", "r11", "memory");
+        return result;
+    }
+    std::wstring path;
+    std::string unixPath;
+    bool made = false;
+};
+
+// The largest buffer the library hands ImageGetCertificateData, seen at its import.
+std::atomic<DWORD> largestCertificateBuffer{0};
+BOOL WINAPI WatchedCertificateData(HANDLE file, DWORD index, LPWIN_CERTIFICATE certificate, PDWORD length)
+{
+    largestCertificateBuffer = std::max<DWORD>(largestCertificateBuffer, certificate != nullptr ? *length : 0);
+    static const auto real = reinterpret_cast<decltype(&ImageGetCertificateData)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"imagehlp.dll"), "ImageGetCertificateData")));
+    return real(file, index, certificate, length);
+}
 } // namespace
 
 // Parse result, error code and answer equal std::regex's ECMAScript search on
@@ -193,31 +231,28 @@ TEST(SeededRegEx, AgreesWithTheStandardSearchAndNonAsciiIsLiteral)
             for (size_t n = g.Below(9); n > 0; --n)
                 texts[i * 4 + t].push_back(g.PickChar(L"abPPA- \\"));
     }
-    OnSmallStack(
-        Count,
-        [&](size_t i) {
-            std::wregex standard;
-            int standardError = -1;
-            try
-            {
-                standard.assign(Replace(expressions[i], L'P', L"q"), std::regex_constants::ECMAScript | std::regex_constants::icase);
-            }
-            catch (const std::regex_error& e)
-            {
-                standardError = static_cast<int>(e.code());
-            }
-            CQXRegEx ours;
-            const bool parsed = ours.Parse(Replace(expressions[i], L'P', placeholders[i]));
-            ASSERT_EQ(parsed ? -1 : ours.GetLastRxErrorCode(), standardError) << Narrow(expressions[i]);
-            for (size_t t = i * 4; parsed && t < i * 4 + 4; ++t)
-            {
-                bool matched = false;
-                EXPECT_EQ(ours.TryMatch(Replace(texts[t], L'P', placeholders[i]), matched), 0);
-                EXPECT_EQ(matched, std::regex_search(Replace(texts[t], L'P', L"q"), standard))
-                    << Narrow(expressions[i]) << " on " << Narrow(texts[t]);
-            }
-        },
-        [&](size_t i) { return Narrow(expressions[i]); });
+    OnSmallStack(Count, [&](size_t i) {
+        std::wregex standard;
+        int standardError = -1;
+        try
+        {
+            standard.assign(Replace(expressions[i], L'P', L"q"), std::regex_constants::ECMAScript | std::regex_constants::icase);
+        }
+        catch (const std::regex_error& e)
+        {
+            standardError = static_cast<int>(e.code());
+        }
+        CQXRegEx ours;
+        const bool parsed = ours.Parse(Replace(expressions[i], L'P', placeholders[i]));
+        ASSERT_EQ(parsed ? -1 : ours.GetLastRxErrorCode(), standardError) << Narrow(expressions[i]);
+        for (size_t t = i * 4; parsed && t < i * 4 + 4; ++t)
+        {
+            bool matched = false;
+            EXPECT_EQ(ours.TryMatch(Replace(texts[t], L'P', placeholders[i]), matched), 0);
+            EXPECT_EQ(matched, std::regex_search(Replace(texts[t], L'P', L"q"), standard))
+                << Narrow(expressions[i]) << " on " << Narrow(texts[t]);
+        }
+    }, [&](size_t i) { return Narrow(expressions[i]); });
 }
 
 // Globs match what the whole-text reference says; hostile text, escaped,
@@ -232,20 +267,17 @@ TEST(SeededRegEx, GlobsAndEscapedTextMeanThemselves)
         globs[i] = g.HostileText(10);
         texts[i] = i % 3 == 0 ? Replace(Replace(globs[i], L'*', L"xy"), L'?', L"z") : g.HostileText(10);
     }
-    OnSmallStack(
-        Count,
-        [&](size_t i) {
-            GlobWildcardString glob;
-            ASSERT_TRUE(glob.Parse(globs[i]));
-            bool matched = false;
-            EXPECT_EQ(glob.TryMatch(texts[i], matched), 0);
-            EXPECT_EQ(matched, !globs[i].empty() && GlobReference(globs[i], texts[i]))
-                << Narrow(globs[i]) << " ~ " << Narrow(texts[i]);
-            CQXRegEx escaped;
-            ASSERT_TRUE(escaped.Parse(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(texts[i]))) << Narrow(texts[i]);
-            EXPECT_TRUE(texts[i].empty() || escaped.Match(L"<" + texts[i] + L">")) << Narrow(texts[i]);
-        },
-        [&](size_t i) { return Narrow(globs[i] + L" ~ " + texts[i]); });
+    OnSmallStack(Count, [&](size_t i) {
+        GlobWildcardString glob;
+        ASSERT_TRUE(glob.Parse(globs[i]));
+        bool matched = false;
+        EXPECT_EQ(glob.TryMatch(texts[i], matched), 0);
+        EXPECT_EQ(matched, !globs[i].empty() && GlobReference(globs[i], texts[i]))
+            << Narrow(globs[i]) << " ~ " << Narrow(texts[i]);
+        CQXRegEx escaped;
+        ASSERT_TRUE(escaped.Parse(QXCommon::RegExHelpers::EscapeRegExMetaCharacters(texts[i]))) << Narrow(texts[i]);
+        EXPECT_TRUE(texts[i].empty() || escaped.Match(L"<" + texts[i] + L">")) << Narrow(texts[i]);
+    }, [&](size_t i) { return Narrow(globs[i] + L" ~ " + texts[i]); });
 }
 
 // A path matches itself as a pattern, with "?" for any non-separator, and as
@@ -254,41 +286,34 @@ TEST(SeededPaths, WildcardWalkAndHookListMatchThePathItself)
 {
     Gen g(3);
     std::vector<std::wstring> paths(3000);
-    for (auto& path : paths)
-        path = g.Path();
-    OnSmallStack(
-        paths.size(),
-        [&](size_t i) {
-            const std::wstring& path = paths[i];
-            if (path.find_first_of(L"*?") == std::wstring::npos && !path.empty())
-            {
-                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, path, i % 2), 1);
-                std::wstring pattern = path;
-                const size_t at = i % path.size();
-                const bool separator = pattern[at] == L'\\' || pattern[at] == L':' || pattern[at] == L'/';
-                pattern[at] = L'?';
-                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, 1), separator ? 0 : 1) << at;
-            }
-            const size_t last = path.find_last_of(L"\\/");
-            if (last != std::wstring::npos && last != 0 && last + 1 != path.size() && path.find(L';') == std::wstring::npos &&
-                path.find_first_of(L" \t") != 0 && path.find_last_of(L" \t") != path.size() - 1)
-            {
-                EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(path, path), 1);
-            }
-            std::wstring withNul = path;
-            withNul.insert(i % (path.size() + 1), 1, L'\0');
-            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, withNul, 0), 0);
-            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(withNul, L"C:\\", 1), 0);
-        },
-        [&](size_t i) { return Narrow(paths[i]); });
+    std::generate(paths.begin(), paths.end(), [&] { return g.Path(); });
+    OnSmallStack(paths.size(), [&](size_t i) {
+        const std::wstring& path = paths[i];
+        if (path.find_first_of(L"*?") == std::wstring::npos && !path.empty())
+        {
+            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, path, i % 2), 1);
+            std::wstring pattern = path;
+            const size_t at = i % path.size();
+            const bool separator = pattern[at] == L'\\' || pattern[at] == L':' || pattern[at] == L'/';
+            pattern[at] = L'?';
+            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstWildCardPattern(path, pattern, 1), separator ? 0 : 1) << at;
+        }
+        const size_t last = path.find_last_of(L"\\/");
+        if (last != std::wstring::npos && last != 0 && last + 1 != path.size() && path.find(L';') == std::wstring::npos &&
+            path.find_first_of(L" \t") != 0 && path.find_last_of(L" \t") != path.size() - 1)
+            EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstDriverHookExceptionList(path, path), 1);
+        std::wstring withNul = path;
+        withNul.insert(i % (path.size() + 1), 1, L'\0');
+        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstPattern(path, withNul, 0), 0);
+        EXPECT_EQ(CFilePathPatternMatcher::MatchAgainstFolder(withNul, L"C:\\", 1), 0);
+    }, [&](size_t i) { return Narrow(paths[i]); });
     using M = CFilePathPatternMatcher;
     const std::wstring nul(1, L'\0');
     EXPECT_EQ(M::MatchAgainstWildCardPattern(L"a", L"a" + nul, 0) + M::MatchAgainstWildCardPattern(L"a" + nul + L"b", L"a", 0) +
                   M::MatchAgainstJustFileName(L"C:\\a" + nul, L"a" + nul) + M::MatchAgainstRegularExpressionPattern(L"a" + nul, L"a") +
                   M::MatchAgainstNetworkResourcePattern(L"\\\\h\\s" + nul, L"\\\\h\\s", 0) +
                   M::MatchAgainstWildCardFolder(L"C:\\a\\" + nul, L"C:\\*", 1) +
-                  M::MatchAgainstDriverHookExceptionList(L"C:\\a\\b.exe", L"b.exe" + nul),
-              0);
+                  M::MatchAgainstDriverHookExceptionList(L"C:\\a\\b.exe", L"b.exe" + nul), 0);
     CQXRegEx regex;
     ASSERT_TRUE(regex.Parse(L"a" + nul + L"b"));
     EXPECT_TRUE(regex.Match(L"xa" + nul + L"b") && !regex.Match(L"xab"));
@@ -316,37 +341,32 @@ TEST(SeededEnvironment, BlocksNormalisationAndRegexExpansionHold)
             paths[i] += g.Chance(60) ? value : L"";
         paths[i] += g.Path();
     }
-    OnSmallStack(
-        tables.size(),
-        [&](size_t i) {
-            std::vector<wchar_t> block;
-            for (const auto& [name, value] : tables[i])
-            {
-                const std::wstring entry = name + L"=" + value;
-                block.insert(block.end(), entry.c_str(), entry.c_str() + entry.size() + 1);
-            }
-            block.insert(block.end(), {L'\0', L'\0'});
-            CEnvironmentEx env;
-            ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
-            for (const auto& [name, value] : tables[i])
-            {
-                std::wstring found, rx;
-                EXPECT_EQ(env.Lookup(name.c_str(), found), 1);
-                EXPECT_EQ(found, value);
-                ASSERT_EQ(env.ExpandRxString(L"^%" + name + L"%$", rx), value.empty() ? 0 : 1);
-                CQXRegEx regex;
-                EXPECT_TRUE(value.empty() || (regex.Parse(rx) && regex.Match(value))) << Narrow(rx);
-            }
-            if (paths[i].find(L'%') != std::wstring::npos)
-                return;
-            std::wstring normalised = paths[i];
-            env.NormalisePaths(normalised);
-            std::wstring back = normalised;
-            env.ExpandString(back);
-            EXPECT_EQ(CompareStringOrdinal(back.c_str(), -1, paths[i].c_str(), -1, TRUE), CSTR_EQUAL)
-                << Narrow(paths[i]) << " -> " << Narrow(normalised) << " -> " << Narrow(back);
-        },
-        [&](size_t i) { return Narrow(paths[i]); });
+    OnSmallStack(tables.size(), [&](size_t i) {
+        std::vector<wchar_t> block;
+        for (const auto& [name, value] : tables[i])
+            for (const wchar_t c : name + L"=" + value + L'\0')
+                block.push_back(c);
+        block.insert(block.end(), {L'\0', L'\0'});
+        CEnvironmentEx env;
+        ASSERT_EQ(env.LoadFromEnvironmentBlock(block.data()), 1);
+        for (const auto& [name, value] : tables[i])
+        {
+            std::wstring found, rx;
+            EXPECT_EQ(env.Lookup(name.c_str(), found), 1);
+            EXPECT_EQ(found, value);
+            ASSERT_EQ(env.ExpandRxString(L"^%" + name + L"%$", rx), value.empty() ? 0 : 1);
+            CQXRegEx regex;
+            EXPECT_TRUE(value.empty() || (regex.Parse(rx) && regex.Match(value))) << Narrow(rx);
+        }
+        if (paths[i].find(L'%') != std::wstring::npos)
+            return;
+        std::wstring normalised = paths[i];
+        env.NormalisePaths(normalised);
+        std::wstring back = normalised;
+        env.ExpandString(back);
+        EXPECT_EQ(CompareStringOrdinal(back.c_str(), -1, paths[i].c_str(), -1, TRUE), CSTR_EQUAL)
+            << Narrow(paths[i]) << " -> " << Narrow(normalised) << " -> " << Narrow(back);
+    }, [&](size_t i) { return Narrow(paths[i]); });
     using Case = std::pair<const wchar_t*, const wchar_t*>;
     CEnvironmentEx env;
     ASSERT_EQ(env.LoadFromEnvironmentBlock(L"SystemDrive=C:\\\0TEMP=C:\\T\\\0\0"), 1);
@@ -379,15 +399,12 @@ TEST(SeededCommandLine, JoinedArgumentsCutTheSameWay)
     for (auto& line : lines)
         for (size_t n = g.Below(14); n > 0; --n)
             line.push_back(g.PickChar(L"\"\"\" ,\tab\\\xFF08"));
-    OnSmallStack(
-        lines.size(),
-        [&](size_t i) {
-            std::wstring joined, again;
-            const std::vector<std::wstring> first = cut(lines[i], joined);
-            EXPECT_EQ(cut(joined, again), first) << Narrow(lines[i]) << " -> " << Narrow(joined);
-            EXPECT_EQ(again, joined);
-        },
-        [&](size_t i) { return Narrow(lines[i]); });
+    OnSmallStack(lines.size(), [&](size_t i) {
+        std::wstring joined, again;
+        const std::vector<std::wstring> first = cut(lines[i], joined);
+        EXPECT_EQ(cut(joined, again), first) << Narrow(lines[i]) << " -> " << Narrow(joined);
+        EXPECT_EQ(again, joined);
+    }, [&](size_t i) { return Narrow(lines[i]); });
     using Case = std::pair<const wchar_t*, const wchar_t*>;
     for (const auto& [input, expected] :
          {Case{L"\"a\"b c\"", L"\"a\"b c\""}, {L"\" \"a", L"\" \"a\""}, {L"a \"\"", L"a \"\""}, {L",", L"\"\""}})
@@ -403,27 +420,20 @@ TEST(SeededCommandLine, JoinedArgumentsCutTheSameWay)
 TEST(Findings, ExplodingExpressionsGetTheirAnswerOrTheBudgetError)
 {
     const std::wstring text = std::wstring(32766, L'a') + L"!";
-    const struct
-    {
-        std::wstring expression;
-        bool matches, budgetAllowed;
-    } cases[] = {
+    const struct { std::wstring expression; bool matches, budgetAllowed; } cases[] = {
         {Repeat(L"(a|)", 500), true, false}, {Repeat(L"(a*)*", 400), true, false}, {Repeat(L"a{1,3}", 300), true, false},
         {L"(a*)*\\1$", true, true},           {L"(a)\\1!", true, false},              {L"^(?:a?){300}b", false, true},
     };
-    OnSmallStack(
-        std::size(cases),
-        [&](size_t i) {
-            int error = 0;
-            CQXRegEx regex;
-            ASSERT_TRUE(ValidateRegularExpressionEx(cases[i].expression.c_str(), QX_REGEX_SAMPLE_ALL, &error));
-            ASSERT_TRUE(regex.Parse(cases[i].expression));
-            bool matched = !cases[i].matches;
-            error = regex.TryMatch(text, matched);
-            EXPECT_EQ(matched, error == 0 && cases[i].matches);
-            EXPECT_EQ(error, error == 0 || !cases[i].budgetAllowed ? 0 : QX_REGEX_ERROR_BUDGET);
-        },
-        [&](size_t i) { return Narrow(cases[i].expression.substr(0, 40)); });
+    OnSmallStack(std::size(cases), [&](size_t i) {
+        int error = 0;
+        CQXRegEx regex;
+        ASSERT_TRUE(ValidateRegularExpressionEx(cases[i].expression.c_str(), QX_REGEX_SAMPLE_ALL, &error));
+        ASSERT_TRUE(regex.Parse(cases[i].expression));
+        bool matched = !cases[i].matches;
+        error = regex.TryMatch(text, matched);
+        EXPECT_EQ(matched, error == 0 && cases[i].matches);
+        EXPECT_EQ(error, error == 0 || !cases[i].budgetAllowed ? 0 : QX_REGEX_ERROR_BUDGET);
+    }, [&](size_t i) { return Narrow(cases[i].expression.substr(0, 40)); });
 }
 
 // Every non-ASCII code unit is a literal a quantifier binds to, and the
@@ -467,53 +477,11 @@ TEST(Findings, NonAsciiCharactersAreLiteralsOnEveryThread)
     EXPECT_EQ(regex.GetLastRxErrorCode(), static_cast<int>(std::regex_constants::error_badbrace));
 }
 
-namespace
-{
-// A FIFO at path, made on the Unix side of Wine by the kernel's own mknodat
-// and removed by its unlinkat (Windows has no call that makes one, and Wine
-// deletes no special file). None (made false) unless under Wine on Linux.
-struct UnixFifo : QXTest::NoCopy
-{
-    explicit UnixFifo(const std::wstring& at) : path(at)
-    {
-        const auto unixName = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-        const auto host = reinterpret_cast<void(CDECL*)(const char**, const char**)>(
-            reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_host_version")));
-        const char *system = "", *release = "";
-        if (host != nullptr)
-            host(&system, &release);
-        char* name = unixName != nullptr && std::strcmp(system, "Linux") == 0 ? unixName(path.c_str()) : nullptr;
-        unixPath = name != nullptr ? name : "";
-        HeapFree(GetProcessHeap(), 0, name);
-        made = !unixPath.empty() && At(259 /* mknodat */, 010000 | 0600 /* S_IFIFO */) == 0;
-    }
-    ~UnixFifo()
-    {
-        if (made)
-            At(263 /* unlinkat */, 0);
-    }
-    // The system call (AT_FDCWD, unixPath, third, 0).
-    long long At(long long number, long long third) const
-    {
-        long long result = 0;
-        register long long fourth __asm__("r10") = 0;
-        __asm__ volatile("syscall" : "=a"(result) : "a"(number), "D"(-100LL), "S"(unixPath.c_str()), "d"(third), "r"(fourth)
-                         : "rcx", "r11", "memory");
-        return result;
-    }
-    std::wstring path;
-    std::string unixPath;
-    bool made = false;
-};
-} // namespace
-
 // Devices, pipes and FIFOs are not disk files: no image, no hash and no
 // checksum (never the empty file's), answered at once without a read, by
 // path and by a caller's handle. A device this machine lacks gets its open's
-// error. Crafted e_lfanew values, wrapped ones among them, get the answer
-// the bytes call for.
-TEST(Findings, DevicesAndPipesAreNoFilesAndCraftedHeaders)
+// error.
+TEST(Findings, DevicesAndPipesAreNoFiles)
 {
     QXTest::TempDir dir;
     const std::wstring pipeName = L"\\\\.\\pipe\\qxrobust_device";
@@ -533,50 +501,83 @@ TEST(Findings, DevicesAndPipesAreNoFilesAndCraftedHeaders)
     else
         std::printf("no FIFO case: FIFOs are made only under Wine on Linux\n");
     SignatureAlgorithmStrategy::Get()->SetSignatureAlgorithm(SignatureAlgorithmSHA1);
-    OnSmallStack(
-        devices.size() + 1,
-        [&](size_t i) {
-            const DWORD notAFile = ERROR_NOT_SUPPORTED;
-            if (i == devices.size())
-            {
-                QXCommon::CDataLoader loader;
-                EXPECT_EQ(loader.LoadFile(L"ignored", 0, readEnd), 0);
-                EXPECT_EQ(GetLastError(), notAFile);
-                return;
-            }
-            const std::wstring& device = devices[i];
-            SCOPED_TRACE(Narrow(device));
-            ATL::CHandle probe(CreateFileW(device.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-            const DWORD opens = probe == INVALID_HANDLE_VALUE ? GetLastError() : 0;
-            if (opens != 0)
-                probe.Detach();
-            BOOL isNTExe = TRUE;
-            EXPECT_EQ(QXCommonFunctions::TryCheckIsNTExe(device, isNTExe), opens);
-            EXPECT_TRUE(opens != 0 || !isNTExe);
-            EXPECT_EQ(QXCommonFunctions::GenerateFileHash(device), L"");
-            EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
-            std::vector<wchar_t> buffer(device.begin(), device.end());
-            buffer.resize(MAX_PATH, L'\0');
-            EXPECT_EQ(CalculateAdler32Checksum(buffer.data()), 0);
-            EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
-        },
-        [&](size_t i) { return i < devices.size() ? Narrow(devices[i]) : std::string("an anonymous pipe's handle"); }, 5000);
+    OnSmallStack(devices.size() + 1, [&](size_t i) {
+        const DWORD notAFile = ERROR_NOT_SUPPORTED;
+        if (i == devices.size())
+        {
+            QXCommon::CDataLoader loader;
+            EXPECT_EQ(loader.LoadFile(L"ignored", 0, readEnd), 0);
+            EXPECT_EQ(GetLastError(), notAFile);
+            return;
+        }
+        const std::wstring& device = devices[i];
+        SCOPED_TRACE(Narrow(device));
+        ATL::CHandle probe(CreateFileW(device.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+        const DWORD opens = probe == INVALID_HANDLE_VALUE ? GetLastError() : 0;
+        if (opens != 0)
+            probe.Detach();
+        BOOL isNTExe = TRUE;
+        EXPECT_EQ(QXCommonFunctions::TryCheckIsNTExe(device, isNTExe), opens);
+        EXPECT_TRUE(opens != 0 || !isNTExe);
+        EXPECT_EQ(QXCommonFunctions::GenerateFileHash(device), L"");
+        EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
+        std::vector<wchar_t> buffer(device.begin(), device.end());
+        buffer.resize(MAX_PATH, L'\0');
+        EXPECT_EQ(CalculateAdler32Checksum(buffer.data()), 0);
+        EXPECT_EQ(GetLastError(), opens != 0 ? opens : notAFile);
+    }, [&](size_t i) { return i < devices.size() ? Narrow(devices[i]) : std::string("an anonymous pipe's handle"); }, 5000);
+}
 
-    Gen g(6);
-    for (int i = 0; i < 200; ++i)
-    {
-        const uint32_t offsets[] = {static_cast<uint32_t>(g.Below(600)), 0xFFFFFFFFu - static_cast<uint32_t>(g.Below(300)),
-                                    static_cast<uint32_t>(64 + g.Below(64))};
-        const uint32_t lfanew = offsets[g.Below(3)], needed = lfanew + 0xF8u; // wraps as the check's own sum does
-        std::string bytes(64 + g.Below(700), '\0');
-        std::memcpy(bytes.data(), "MZ", 2);
-        std::memcpy(bytes.data() + 60, &lfanew, 4);
-        if (lfanew + 4ull <= bytes.size() && g.Chance(70))
-            std::memcpy(bytes.data() + lfanew, "PE\0\0", 4);
-        const bool expected = bytes.size() >= needed && needed >= lfanew && lfanew + 4ull <= bytes.size() &&
-                              std::memcmp(bytes.data() + lfanew, "PE\0\0", 4) == 0;
-        BOOL isNTExe = !expected;
-        ASSERT_EQ(QXCommonFunctions::TryCheckIsNTExe(dir.Write(L"c.bin", bytes), isNTExe), 0u);
-        EXPECT_EQ(isNTExe != FALSE, expected) << "e_lfanew " << lfanew << ", size " << bytes.size();
-    }
+// Certificate tables: the entries of intact ones, each padded to 8 bytes, are
+// the table that ends the file. Malformed ones (in the signed image: an entry
+// of length 0 or shorter than its header, an entry past the table, the table
+// past the end of the file, a huge directory size), a file that is no image
+// and a missing one fail at once, naming the file: no count, no entry, no
+// signer, no valid signature, no buffer sized beyond the file.
+TEST(Findings, CertificateTables)
+{
+    using QXTest::Certs::FixturePath, QXTest::Certs::ReadBytes;
+    QXTest::ImportPatch watch(L"QXCommon.dll", "imagehlp.dll", "ImageGetCertificateData", reinterpret_cast<void*>(&WatchedCertificateData));
+    ASSERT_TRUE(watch.Installed());
+    const std::vector<BYTE> image = ReadBytes(FixturePath(L"signed.exe"));
+    auto at = [&](size_t offset) { uint32_t value = 0; std::memcpy(&value, image.data() + offset, 4); return value; };
+    const uint32_t directory = at(60) + 24 + 144, table = at(directory), tableSize = at(directory + 4); // PE32+
+    // entries: -1 when reading the table must fail. A crafted row (offset not 0)
+    // puts offset and size in the image's directory and `first` as its entry's length.
+    const struct { const wchar_t* name; int entries; uint32_t offset = 0, size = 0, first = 0; } cases[] = {
+        {L"unsigned.exe", 0}, {L"signed.exe", 1}, {L"nested.exe", 1}, {L"twoentries.exe", 2}, {L"missing.exe", -1}, {L"signer.cer", -1},
+        {L"entry length 0", -1, table, tableSize, 0}, {L"entry shorter than its header", -1, table, tableSize, 4},
+        {L"entry past the table", -1, table, tableSize, tableSize + 8},
+        {L"table past the end of the file", -1, static_cast<uint32_t>(image.size() + 8), tableSize, at(table)},
+        {L"huge directory size", -1, table, 0xFFFFFFF8u, 0x7FFFFFF8u},
+    };
+    QXTest::TempDir dir;
+    OnSmallStack(std::size(cases), [&](size_t i) {
+        const auto& c = cases[i];
+        std::vector<BYTE> bytes = c.offset == 0 ? ReadBytes(FixturePath(c.name)) : image;
+        for (const auto& [offset, value] : {std::pair{directory, c.offset}, {directory + 4, c.size}, {table, c.first}})
+            if (c.offset != 0)
+                std::memcpy(bytes.data() + offset, &value, 4);
+        const std::wstring path = c.offset == 0 ? FixturePath(c.name) : dir.Write(c.name, std::string(bytes.begin(), bytes.end()));
+        QXTest::LogCapture log;
+        largestCertificateBuffer = 0;
+        DWORD count = 99;
+        EXPECT_EQ(c.entries >= 0, CDigitalCertificate::GetNumberOfCertificatesFromFile(path, count));
+        EXPECT_EQ(std::max(c.entries, 0), static_cast<int>(count));
+        std::vector<BYTE> entries;
+        for (DWORD k = 0; k <= count; ++k)
+        {
+            BYTE* data = reinterpret_cast<BYTE*>(1);
+            DWORD length = 99;
+            EXPECT_EQ(k < count, CDigitalCertificate::GetRawCertificateData(path, k, data, length));
+            entries.insert(entries.end(), data, data + length);
+            entries.resize((entries.size() + 7) & ~size_t(7));
+            ReleaseCertificateData(data);
+        }
+        EXPECT_TRUE(std::equal(entries.rbegin(), entries.rend(), bytes.rbegin()));
+        CDigitalCertificate signer; // (Wine's CryptQueryObject spends seconds on a huge size: not asked)
+        EXPECT_EQ(c.entries > 0, c.size < 0x10000000 && signer.ReadFromSignedFile(path) == 0 && CDigitalCertificate::VerifyFileSignature(path, nullptr) == S_OK);
+        EXPECT_LE(largestCertificateBuffer, bytes.size());
+        EXPECT_TRUE(c.entries >= 0 || log.HasFragment(L"[" + path + L"]")) << log.Dump();
+    }, [&](size_t i) { return Narrow(cases[i].name); });
 }
