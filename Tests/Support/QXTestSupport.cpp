@@ -20,11 +20,6 @@ void Check(bool ok, const std::string& what, DWORD error = GetLastError())
         throw std::runtime_error(what + " failed - error " + std::to_string(error));
 }
 
-void Check(LONG status, const std::string& what)
-{
-    Check(status == ERROR_SUCCESS, what, static_cast<DWORD>(status));
-}
-
 std::wstring Unique(const std::wstring& prefix)
 {
     return prefix + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++g_counter);
@@ -102,9 +97,8 @@ TempDir::~TempDir()
 std::wstring TempDir::Write(const std::wstring& name, const std::string& bytes) const
 {
     std::wstring path = File(name);
-    HANDLE raw = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    Check(raw != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
-    ATL::CHandle file(raw);
+    ATL::CHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    Check(file != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
     DWORD written = 0;
     Check(bytes.empty() || WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr),
           "WriteFile " + Narrow(path));
@@ -115,15 +109,13 @@ std::wstring TempDir::WriteSparse(const std::wstring& name, ULONGLONG size,
                                   const std::vector<std::pair<ULONGLONG, std::string>>& pieces) const
 {
     std::wstring path = File(name);
-    HANDLE raw = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    Check(raw != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
-    ATL::CHandle file(raw);
+    ATL::CHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    Check(file != INVALID_HANDLE_VALUE, "CreateFileW " + Narrow(path));
     DWORD ignored = 0; // NTFS makes a file sparse only when asked; files on Unix are anyway
     DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &ignored, nullptr);
     auto seek = [&](ULONGLONG offset) {
-        LARGE_INTEGER at;
-        at.QuadPart = static_cast<LONGLONG>(offset);
-        Check(SetFilePointerEx(file, at, nullptr, FILE_BEGIN) != FALSE, "SetFilePointerEx " + Narrow(path));
+        Check(SetFilePointerEx(file, LARGE_INTEGER{.QuadPart = static_cast<LONGLONG>(offset)}, nullptr, FILE_BEGIN) != FALSE,
+              "SetFilePointerEx " + Narrow(path));
     };
     for (const auto& [offset, bytes] : pieces)
     {
@@ -145,26 +137,26 @@ std::wstring TempDir::MakeDir(const std::wstring& name) const
 
 TestRegKey::TestRegKey() : m_subKey(Unique(L"Software\\QXCommonTests\\"))
 {
-    Check(RegCreateKeyExW(Root(), m_subKey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr),
-          "RegCreateKeyExW");
+    const LONG status = RegCreateKeyExW(Root(), m_subKey.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &m_key, nullptr);
+    Check(status == ERROR_SUCCESS, "RegCreateKeyExW", status);
 }
 
 TestRegKey::~TestRegKey()
 {
     RegCloseKey(m_key);
-    RegDeleteTreeW(Root(), m_subKey.c_str());
-    RegDeleteKeyW(Root(), m_subKey.c_str());
+    RegDeleteTreeW(Root(), m_subKey.c_str()); // the key with everything below it
 }
 
 void TestRegKey::SetRaw(const std::wstring& name, DWORD type, const void* data, DWORD bytes) const
 {
-    Check(RegSetValueExW(m_key, name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes), "RegSetValueExW");
+    const LONG status = RegSetValueExW(m_key, name.c_str(), 0, type, static_cast<const BYTE*>(data), bytes);
+    Check(status == ERROR_SUCCESS, "RegSetValueExW", status);
 }
 
 void TestRegKey::CreateSubKey(const std::wstring& name) const
 {
-    ATL::CRegKey key;
-    Check(key.Create(m_key, name.c_str()), "RegCreateKeyExW");
+    const LONG status = ATL::CRegKey().Create(m_key, name.c_str());
+    Check(status == ERROR_SUCCESS, "RegCreateKeyExW", status);
 }
 
 SavedRegValue::SavedRegValue(HKEY root, const std::wstring& subKey, const std::wstring& name)
@@ -213,10 +205,8 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDL
     const std::wstring outputPath = Unique((std::filesystem::temp_directory_path() / L"qxout-").wstring());
     ATL::CHandle output(CreateFileW(outputPath.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE
                                     | FILE_SHARE_DELETE, &sa, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-    STARTUPINFOW si{sizeof si};
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = si.hStdError = output;
-    si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+    STARTUPINFOW si{.cb = sizeof si, .dwFlags = STARTF_USESTDHANDLES, .hStdInput = GetStdHandle(STD_INPUT_HANDLE),
+                    .hStdOutput = output, .hStdError = output};
     PROCESS_INFORMATION pi{};
     std::wstring mutableLine = commandLine;
     // A start that fails on a loaded machine is tried again.
@@ -228,17 +218,10 @@ ProcessResult RunProcess(const std::wstring& commandLine, DWORD timeoutMs, HANDL
                                                      nullptr, &si, &pi)) ||
                   (Sleep(100), false);
     if (!created)
-    {
-        result.output = "not started - error " + std::to_string(GetLastError());
-        return result;
-    }
+        return {0xFFFFFFFF, "not started - error " + std::to_string(GetLastError())};
     ATL::CHandle process(pi.hProcess), mainThread(pi.hThread);
-    result.started = true;
-    if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT)
-    {
-        TerminateProcess(process, 0xDEAD);
+    if (WaitForSingleObject(process, timeoutMs) == WAIT_TIMEOUT && TerminateProcess(process, 0xDEAD))
         WaitForSingleObject(process, 5000);
-    }
     GetExitCodeProcess(process, &result.exitCode);
     char buffer[65536];
     DWORD got = 0;

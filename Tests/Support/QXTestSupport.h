@@ -104,7 +104,6 @@ public:
     {
         SetRaw(name, REG_SZ, value.c_str(), static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
     }
-    void SetDword(const std::wstring& name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
     void CreateSubKey(const std::wstring& name) const;
 
 private:
@@ -139,7 +138,6 @@ struct ProcessResult
 {
     DWORD exitCode = 0xFFFFFFFF;
     std::string output; // standard output and standard error, as bytes
-    bool started = false;
 };
 
 // The folder of the running test executable (helper programs live there).
