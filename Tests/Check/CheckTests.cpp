@@ -25,6 +25,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -96,10 +97,15 @@ void ReadDocuments(Result& run, const std::wstring& arguments)
     EXPECT_EQ("summary", run.doc["record"].text) << run.out;
 }
 
-// Starts qxinspect with the standard handles given (inherited); null when
-// it could not be started.
+// Starts qxinspect with the standard handles given; null when it could not
+// be started. One child is made at a time, and the handles are inheritable
+// only while it is made, so that no child takes another run's handles.
 HANDLE Launch(const std::wstring& arguments, HANDLE in, HANDLE out, HANDLE err)
 {
+    static std::mutex creating;
+    const std::lock_guard<std::mutex> lock(creating);
+    for (HANDLE handle : {in, out, err})
+        SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
     STARTUPINFOW si{sizeof si};
     si.dwFlags = STARTF_USESTDHANDLES;
     si.hStdInput = in;
@@ -107,7 +113,10 @@ HANDLE Launch(const std::wstring& arguments, HANDLE in, HANDLE out, HANDLE err)
     si.hStdError = err;
     PROCESS_INFORMATION pi{};
     std::wstring line = Quoted(QXTest::HelperPath(L"qxinspect.exe")) + L" " + arguments;
-    if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi))
+    const BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+    for (HANDLE handle : {in, out, err})
+        SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);
+    if (!started)
         return nullptr;
     CloseHandle(pi.hThread);
     return pi.hProcess;
@@ -120,13 +129,12 @@ HANDLE Launch(const std::wstring& arguments, HANDLE in, HANDLE out, HANDLE err)
 Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
 {
     Result run;
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     auto temporary = [&](const wchar_t* name) {
         wchar_t folder[MAX_PATH] = {}, path[MAX_PATH] = {};
         GetTempPathW(MAX_PATH, folder);
         GetTempFileNameW(folder, name, 0, path);
         return CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           &inherit, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+                           nullptr, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     };
     ATL::CHandle out(temporary(L"qxo")), err(temporary(L"qxe"));
     ATL::CHandle process(Launch(arguments, nullptr, stdOut != nullptr ? stdOut : static_cast<HANDLE>(out), err));
@@ -658,35 +666,23 @@ TEST_F(Check, EveryCommandPrintsOneDocumentOfTheSchema)
     // The document's command, or the kind of its error.
     const struct { std::wstring arguments; DWORD exitCode; std::string command; } cases[] = {
         {L"", 0, "version"}, // --json --version below
-        {L"help", 0, "help"},
-        {L"help check", 0, "help"},
-        {L"os", 0, "os"},
-        {L"error 0x800b0100", 0, "error"},
-        {L"guid", 0, "guid"},
+        {L"help", 0, "help"}, {L"help check", 0, "help"}, {L"os", 0, "os"}, {L"guid", 0, "guid"},
+        {L"error 0x800b0100", 0, "error"}, {L"match C:\\x\\a.exe *.exe", 1, "match"}, {L"split \"cmd /c x\"", 1, "split"},
         {L"exe " + exe + L" " + Quoted(dir.File(L"missing.exe")), 3, "exe"},
-        {L"match C:\\x\\a.exe *.exe", 1, "match"},
         {L"regex-check --samples 0x7F ^a", 0, "regex-check"},
-        {L"split \"cmd /c x\"", 1, "split"},
-        {L"env", 0, "env"},
-        {L"expand %windir%", 0, "expand"},
-        {L"normalise C:\\windows\\x.exe", 0, "normalise"},
-        {L"token --member S-1-1-0", 0, "token"},
-        {L"process 0 " + self, 3, "process"},
+        {L"env", 0, "env"}, {L"expand %windir%", 0, "expand"}, {L"normalise C:\\windows\\x.exe", 0, "normalise"},
+        {L"token --member S-1-1-0", 0, "token"}, {L"process 0 " + self, 3, "process"}, {L"handover", 0, "handover"},
         {L"hash --algorithm sha256 " + exe + L" NUL", 3, "hash"},
         {L"sig --cert " + Quoted(dir.File(L"signer.cer")) + L" " + exe + L" NUL", 3, "sig"},
         {L"fileinfo " + exe, 0, "fileinfo"},
         {L"owner " + exe + L" --give-to-pid " + self + L" --dry-run", 0, "owner"},
-        {L"handover", 0, "handover"},
         {L"check --rules " + Quoted(rules) + L" " + exe, 0, "check"},
         {L"check --rules NUL " + exe, 2, "input"},
         {L"hash " + exe, 3, "failed"}, // no algorithm is set
         {L"diff --rules " + Quoted(rules) + L" " + exe, 2, "usage"},
         {L"audit --rules " + Quoted(rules) + L" --from " + Quoted(dir.File(L"none.txt")), 2, "input"},
         {L"env --pid 0xFFFFFFF1", 3, "failed"},
-        {L"", 2, "usage"},
-        {L"bogus", 2, "usage"},
-        {L"--bogus", 2, "usage"},
-        {L"os extra", 2, "usage"},
+        {L"", 2, "usage"}, {L"bogus", 2, "usage"}, {L"--bogus", 2, "usage"}, {L"os extra", 2, "usage"},
         {L"hash --algorithm md5 " + exe, 2, "usage"},
         {L"match --kind path C:\\x\\a.exe a.exe", 2, "usage"},
     };
@@ -720,8 +716,7 @@ TEST_F(Check, ThePeoplesSide)
     EXPECT_NE(std::string::npos, Inspect(L"help owner").out.find("CHANGES THE OWNER"));
     // A standard output that cannot be written is a failure, not 0.
     HANDLE read = nullptr, write = nullptr;
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    ASSERT_TRUE(CreatePipe(&read, &write, &inherit, 0));
+    ASSERT_TRUE(CreatePipe(&read, &write, nullptr, 0));
     CloseHandle(read);
     ATL::CHandle writeEnd(write);
     run = Inspect(L"--json check --rules " + Quoted(rules) + L" " + Quoted(signedExe), writeEnd);
@@ -919,12 +914,9 @@ TEST_F(Check, CheckFromAnswersEveryLineInOrder)
 TEST_F(Check, AnswersStreamBeforeTheInputEnds)
 {
     const std::wstring treeRules = MakeTree();
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
-    ASSERT_TRUE(CreatePipe(&inRead, &inWrite, &inherit, 0) && CreatePipe(&outRead, &outWrite, &inherit, 0));
+    ASSERT_TRUE(CreatePipe(&inRead, &inWrite, nullptr, 0) && CreatePipe(&outRead, &outWrite, nullptr, 0));
     ATL::CHandle childIn(inRead), input(inWrite), output(outRead), childOut(outWrite);
-    SetHandleInformation(input, HANDLE_FLAG_INHERIT, 0);
-    SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
     ATL::CHandle process(Launch(L"--json check --rules " + Quoted(treeRules) + L" --from -", childIn, childOut, childOut));
     ASSERT_TRUE(process != nullptr);
     childIn.Close();

@@ -73,14 +73,7 @@ int RunCheck(Context& context, const std::vector<std::wstring>& args)
     ReportWarnings(run.Warnings());
     CheckRecords records(csv ? Format::Csv : context.json ? Format::Json : Format::Text, sets[0], run,
                          inputs.FromLines());
-    RunInOrder<ProgramAnswer>(
-        inputs, options.threads, L"programs",
-        [&](const Input& input) { return run.Answer(input, inputs.FromLines()); },
-        [&](const Input& input, ProgramAnswer& answer) {
-            records.Record(input, answer);
-            DWORD failed = 0;
-            return !OutputFailed(failed);
-        });
+    RecordAll(inputs, options.threads, run, records);
     records.Summary(inputs.ReadError());
     return records.ExitCode();
 }

@@ -37,14 +37,7 @@ int RunDiff(Context& context, const std::vector<std::wstring>& args)
     const ProgramRun run(options, sets);
     ReportWarnings(run.Warnings());
     DiffRecords records(csv ? Format::Csv : context.json ? Format::Json : Format::Text, sets, run, inputs.FromLines());
-    RunInOrder<ProgramAnswer>(
-        inputs, options.threads, L"programs",
-        [&](const Input& input) { return run.Answer(input, inputs.FromLines()); },
-        [&](const Input& input, ProgramAnswer& answer) {
-            records.Record(input, answer);
-            DWORD failed = 0;
-            return !OutputFailed(failed);
-        });
+    RecordAll(inputs, options.threads, run, records);
     records.Summary(inputs.ReadError());
     return records.ExitCode();
 }

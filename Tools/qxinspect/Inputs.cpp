@@ -1,6 +1,7 @@
 #include "Inputs.h"
 
 #include "FileFacts.h"
+#include "Platform.h"
 
 #include <algorithm>
 
@@ -11,21 +12,6 @@ namespace
 constexpr DWORD ChunkBytes = 64 * 1024;
 // A line of 32,767 UTF-16 code units takes at most 3 bytes a unit in UTF-8.
 constexpr size_t MaxLineBytes = MaxLineChars * 3 + 4;
-
-bool IsBlank(wchar_t c)
-{
-    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\v' || c == L'\f';
-}
-
-std::wstring Trimmed(const std::wstring& text)
-{
-    size_t begin = 0, end = text.size();
-    while (begin < end && IsBlank(text[begin]))
-        ++begin;
-    while (end > begin && IsBlank(text[end - 1]))
-        --end;
-    return text.substr(begin, end - begin);
-}
 
 bool IsFolder(const std::wstring& path)
 {

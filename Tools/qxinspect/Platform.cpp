@@ -56,6 +56,21 @@ std::wstring Win32Text(DWORD code)
     return std::to_wstring(code) + (text.empty() ? L"" : L" (" + text + L")");
 }
 
+bool IsBlank(wchar_t c)
+{
+    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\v' || c == L'\f';
+}
+
+std::wstring Trimmed(const std::wstring& text)
+{
+    size_t begin = 0, end = text.size();
+    while (begin < end && IsBlank(text[begin]))
+        ++begin;
+    while (end > begin && IsBlank(text[end - 1]))
+        --end;
+    return text.substr(begin, end - begin);
+}
+
 std::wstring IsoTime(const FILETIME& time, bool fraction)
 {
     SYSTEMTIME utc = {};

@@ -26,6 +26,10 @@ const wchar_t* ResultName(HRESULT result);
 std::wstring ResultText(HRESULT result);
 // The system's text for a Win32 error: "5 (Access is denied.)".
 std::wstring Win32Text(DWORD code);
+// Blanks of a rules or --from line (space, tab, CR, VT, FF), and the text
+// without them at either end.
+bool IsBlank(wchar_t c);
+std::wstring Trimmed(const std::wstring& text);
 // "2024-05-01T12:34:56Z", with the 100-ns fraction when asked for
 // ("...:56.1234567Z"); empty for a zero time.
 std::wstring IsoTime(const FILETIME& time, bool fraction = false);

@@ -70,4 +70,18 @@ private:
 // Why a program got "could not answer": the input's problem, or the first
 // rule not answered and its reason (with how many more).
 std::wstring UnansweredReason(const ProgramAnswer& answer, const BoundRules& bound, size_t set);
+
+// Answers every input on the run's worker threads and hands each answer to
+// records in input order, until standard output can no longer be written.
+template <class Records>
+void RecordAll(Inputs& inputs, unsigned threads, const ProgramRun& run, Records& records)
+{
+    RunInOrder<ProgramAnswer>(
+        inputs, threads, L"programs", [&](const Input& input) { return run.Answer(input, inputs.FromLines()); },
+        [&](const Input& input, ProgramAnswer& answer) {
+            records.Record(input, answer);
+            DWORD failed = 0;
+            return !OutputFailed(failed);
+        });
+}
 } // namespace qxinspect

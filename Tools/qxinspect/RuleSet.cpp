@@ -42,21 +42,6 @@ const KindInfo Kinds[] = {
     {RuleKind::Signer, L"signer", L"validly signed by the certificate in TEXT (a .cer file, DER or PEM)", 0},
 };
 
-bool IsBlank(wchar_t c)
-{
-    return c == L' ' || c == L'\t' || c == L'\r' || c == L'\v' || c == L'\f';
-}
-
-std::wstring Trimmed(const std::wstring& text)
-{
-    size_t begin = 0, end = text.size();
-    while (begin < end && IsBlank(text[begin]))
-        ++begin;
-    while (end > begin && IsBlank(text[end - 1]))
-        --end;
-    return text.substr(begin, end - begin);
-}
-
 // A path with a drive or starting at a root (\x, \\server) is not relative to anything.
 bool IsAbsolute(const std::wstring& path)
 {
