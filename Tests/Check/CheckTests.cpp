@@ -97,9 +97,8 @@ void ReadDocuments(Result& run, const std::wstring& arguments)
     EXPECT_EQ("summary", run.doc["record"].text) << run.out;
 }
 
-// Starts qxinspect with the standard handles given; null when it could not
-// be started. One child is made at a time, and the handles are inheritable
-// only while it is made, so that no child takes another run's handles.
+// Starts qxinspect with the standard handles given (null: not started), one
+// child at a time, the handles inheritable only then: no child takes another's.
 HANDLE Launch(const std::wstring& arguments, HANDLE in, HANDLE out, HANDLE err)
 {
     static std::mutex creating;
@@ -163,9 +162,8 @@ Result Inspect(const std::wstring& arguments, HANDLE stdOut = nullptr)
     return run;
 }
 
-// Runs qxinspect once per case, four at a time (each run is a process of its
-// own, and most of a run is the process starting), the results in the cases'
-// order.
+// Runs qxinspect once per case, four at a time (most of a run is its process
+// starting), the results in the cases' order.
 template <class Cases, class Arguments>
 std::vector<Result> InspectEach(const Cases& cases, Arguments arguments)
 {

@@ -264,12 +264,18 @@ TEST(FileHash, ManyFilesOnWorkerThreadsLeaveHandlesAndHeapWhereTheyWere)
         SCOPED_TRACE(algorithm);
         Force(algorithm);
         hashAll(algorithm, threads);
-        const uintptr_t handleSlot = QXTest::NextHandleSlot();
-        const size_t heap = ProcessHeapInUse();
-        for (int round = 0; round < 3; ++round) // private providers are slow to acquire under Wine
-            hashAll(algorithm, threads);
-        EXPECT_EQ(QXTest::NextHandleSlot(), handleSlot);
-        EXPECT_LT(ProcessHeapInUse(), heap + 4096) << "heap in use grew from " << heap;
+        // A leak grows in every measure; what Wine makes once when threads first contend does not.
+        for (int measure = 0; measure < 2; ++measure)
+        {
+            const uintptr_t handleSlot = QXTest::NextHandleSlot();
+            const size_t heap = ProcessHeapInUse();
+            for (int round = 0; round < 3; ++round) // private providers are slow to acquire under Wine
+                hashAll(algorithm, threads);
+            if (QXTest::NextHandleSlot() == handleSlot && ProcessHeapInUse() < heap + 4096)
+                break;
+            EXPECT_EQ(0, measure) << "next handle slot " << handleSlot << " -> " << QXTest::NextHandleSlot()
+                                  << ", heap in use " << heap << " -> " << ProcessHeapInUse();
+        }
     }
     EXPECT_TRUE(HashStrategyShaCacheHelper::UninitTLS());
 }
