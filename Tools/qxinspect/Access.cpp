@@ -4,7 +4,6 @@
 
 #include "QXCommon/QXCommonFunctions.h"
 
-#include <aclapi.h>
 #include <sddl.h>
 
 namespace qxinspect
@@ -113,31 +112,16 @@ DWORD ReadSecurity(const std::wstring& path, bool folder, LocalPtr<void>& descri
     ATL::CHandle opened;
     if (folder)
     {
-        const HANDLE handle = CreateFileW(path.c_str(), READ_CONTROL, ShareAll, nullptr, OPEN_EXISTING,
-                                          FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+        // No access asked: the descriptor is read through a handle opened again from this one.
+        const HANDLE handle = CreateFileW(path.c_str(), 0, ShareAll, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
+                                          nullptr);
         if (handle == INVALID_HANDLE_VALUE)
             return GetLastError();
         opened.Attach(handle);
     }
-    else
-    {
-        // Only a regular disk file is asked about; its descriptor through a
-        // handle opened again from the checked one.
-        ATL::CHandle file;
-        const FileStatus status = OpenRegularFile(path, file);
-        if (!status.Ok())
-            return status.error;
-        const HANDLE handle = ReOpenFile(file, READ_CONTROL, ShareAll, 0);
-        if (handle == INVALID_HANDLE_VALUE)
-            return GetLastError();
-        opened.Attach(handle);
-    }
-    PSECURITY_DESCRIPTOR read = nullptr;
-    const DWORD error =
-        GetSecurityInfo(opened, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
-                                                    DACL_SECURITY_INFORMATION,
-                        nullptr, nullptr, nullptr, nullptr, &read);
-    descriptor.reset(read);
-    return error;
+    // Only a regular disk file is asked about, checked as the facts check it.
+    else if (const FileStatus status = OpenRegularFile(path, opened); !status.Ok())
+        return status.error;
+    return qxinspect::ReadSecurity(opened, descriptor);
 }
 } // namespace qxinspect

@@ -23,12 +23,10 @@ int RunAudit(Context& context, const std::vector<std::wstring>& args)
     if (parser.Positional().empty() && !options.from)
         return Fail(ExitUsage, L"audit needs PATHs or --from FILE" + SeeHelp(L"audit"));
     std::vector<RuleSet> sets;
-    int exitCode = ExitOk;
-    if (!LoadRuleSets(parser.Values(L"--rules"), sets, exitCode))
-        return exitCode;
     Inputs inputs;
-    if (!inputs.Open(parser.Positional(), options.from, options.recursive, error))
-        return FailInput(error, Json(), L"qxinspect: " + error + L"\n");
+    int exitCode = ExitOk;
+    if (!OpenRun(parser.Values(L"--rules"), parser, options, sets, inputs, exitCode))
+        return exitCode;
 
     const ProgramRun run(options, sets);
     ReportWarnings(run.Warnings());

@@ -26,12 +26,10 @@ int RunDiff(Context& context, const std::vector<std::wstring>& args)
     if (csv && context.json)
         return Fail(ExitUsage, L"--csv and --json do not go together" + SeeHelp(L"diff"));
     std::vector<RuleSet> sets;
-    int exitCode = ExitOk;
-    if (!LoadRuleSets(parser.Values(L"--rules"), sets, exitCode))
-        return exitCode;
     Inputs inputs;
-    if (!inputs.Open(parser.Positional(), options.from, options.recursive, error))
-        return FailInput(error, Json(), L"qxinspect: " + error + L"\n");
+    int exitCode = ExitOk;
+    if (!OpenRun(parser.Values(L"--rules"), parser, options, sets, inputs, exitCode))
+        return exitCode;
 
     // Both sets judge each start on the same facts, read once.
     const ProgramRun run(options, sets);

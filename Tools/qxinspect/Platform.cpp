@@ -167,19 +167,33 @@ Descriptor ReadDescriptor(const std::wstring& path)
     return Describe(error, owner, group, descriptor);
 }
 
+DWORD ReadSecurity(HANDLE file, LocalPtr<void>& descriptor)
+{
+    descriptor.reset();
+    // Backup semantics: a folder's handle opens again only with them.
+    const HANDLE reopened = ReOpenFile(file, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      FILE_FLAG_BACKUP_SEMANTICS);
+    if (reopened == INVALID_HANDLE_VALUE)
+        return GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE;
+    const ATL::CHandle control(reopened);
+    PSECURITY_DESCRIPTOR read = nullptr;
+    const DWORD error = GetSecurityInfo(control, SE_FILE_OBJECT, OwnerGroupDacl, nullptr, nullptr, nullptr, nullptr, &read);
+    descriptor.reset(read);
+    return error;
+}
+
 Descriptor ReadDescriptor(HANDLE file)
 {
-    const HANDLE reopened = ReOpenFile(file, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, 0);
-    if (reopened == INVALID_HANDLE_VALUE)
-        return Describe(GetLastError() != ERROR_SUCCESS ? GetLastError() : ERROR_INVALID_HANDLE, nullptr, nullptr,
-                        nullptr);
-    const ATL::CHandle control(reopened);
+    LocalPtr<void> descriptor;
+    const DWORD error = ReadSecurity(file, descriptor);
     PSID owner = nullptr, group = nullptr;
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    const DWORD error =
-        GetSecurityInfo(control, SE_FILE_OBJECT, OwnerGroupDacl, &owner, &group, &dacl, nullptr, &descriptor);
-    return Describe(error, owner, group, descriptor);
+    BOOL defaulted = FALSE;
+    if (error == ERROR_SUCCESS)
+    {
+        GetSecurityDescriptorOwner(descriptor.get(), &owner, &defaulted);
+        GetSecurityDescriptorGroup(descriptor.get(), &group, &defaulted);
+    }
+    return Describe(error, owner, group, descriptor.release());
 }
 
 const wchar_t* ElevationTypeName(HANDLE token)

@@ -85,6 +85,9 @@ Descriptor ReadDescriptor(const std::wstring& path);
 // The same for a file already open (it is opened again from its handle for
 // READ_CONTROL, so that what is read is that file's).
 Descriptor ReadDescriptor(HANDLE file);
+// The descriptor itself (owner, group, DACL) of an open file or folder, read
+// the same way. 0 or the error.
+DWORD ReadSecurity(HANDLE file, LocalPtr<void>& descriptor);
 
 // "default", "full", "limited" or "unknown".
 const wchar_t* ElevationTypeName(HANDLE token);

@@ -51,6 +51,18 @@ bool LoadRuleSets(const std::vector<std::wstring>& files, std::vector<RuleSet>& 
     return false;
 }
 
+bool OpenRun(const std::vector<std::wstring>& files, const ArgParser& parser, const RunOptions& options,
+             std::vector<RuleSet>& sets, Inputs& inputs, int& exitCode)
+{
+    if (!LoadRuleSets(files, sets, exitCode))
+        return false;
+    std::wstring error;
+    if (inputs.Open(parser.Positional(), options.from, options.recursive, error))
+        return true;
+    exitCode = FailInput(error, Json(), L"qxinspect: " + error + L"\n");
+    return false;
+}
+
 ProgramRun::ProgramRun(const RunOptions& options, const std::vector<RuleSet>& sets, FactsNeeded extra)
     : m_options(options)
 {

@@ -33,6 +33,10 @@ std::vector<std::wstring> RunFlagOptions();
 // Loads every rules file; every malformed line of all of them is reported
 // (exit 2) and warnings go to standard error. False when one is malformed.
 bool LoadRuleSets(const std::vector<std::wstring>& files, std::vector<RuleSet>& sets, int& exitCode);
+// The rules files, then the inputs of the command line (PATHs, --from),
+// each refused as its command refuses it; false with the exit code.
+bool OpenRun(const std::vector<std::wstring>& files, const ArgParser& parser, const RunOptions& options,
+             std::vector<RuleSet>& sets, Inputs& inputs, int& exitCode);
 
 // The answer of each rule set for one program start.
 struct ProgramAnswer
